@@ -1,0 +1,82 @@
+// CSocket: one connected TCP stream, plain or TLS, with a 4096-byte input
+// buffer, a receive time-out, line and block reads, and unbuffered writes.
+#ifndef LUMETTA_CSOCKET_H
+#define LUMETTA_CSOCKET_H
+
+#include <cstdint>
+
+#include "cstr.h"
+#include "pl_net.h"
+
+// The TLS library is bound at run time; these are its opaque types.
+typedef struct ssl_st SSL;
+typedef struct ssl_ctx_st SSL_CTX;
+typedef struct ssl_method_st SSL_METHOD;
+
+// Function table of the run-time-bound TLS library, in binding order.
+struct OPENSSL_FUNCS {
+  int (*OPENSSL_init_ssl)(uint64_t opts, const void* settings);
+  int (*SSL_accept)(SSL* ssl);
+  int (*SSL_CTX_check_private_key)(const SSL_CTX* ctx);
+  void (*SSL_CTX_free)(SSL_CTX* ctx);
+  SSL_CTX* (*SSL_CTX_new)(const SSL_METHOD* method);
+  int (*SSL_CTX_use_certificate_file)(SSL_CTX* ctx, const char* file, int type);
+  int (*SSL_CTX_use_PrivateKey_file)(SSL_CTX* ctx, const char* file, int type);
+  void (*SSL_free)(SSL* ssl);
+  int (*SSL_get_fd)(const SSL* ssl);
+  SSL* (*SSL_new)(SSL_CTX* ctx);
+  int (*SSL_read)(SSL* ssl, void* buf, int num);
+  int (*SSL_shutdown)(SSL* ssl);
+  int (*SSL_set_fd)(SSL* ssl, int fd);
+  int (*SSL_write)(SSL* ssl, const void* buf, int num);
+  const SSL_METHOD* (*TLS_server_method)(void);
+};
+// Filled once by CHttpServer::OpenSSLInit; read-only afterwards.
+extern OPENSSL_FUNCS OpenSsl;
+
+typedef bool (*CSOCKET_READ)(void* arg, int count);
+
+class CSocket {
+ public:
+  PlSocket Socket;  // PL_NO_SOCKET when there is none; owned
+  CSOCKET_READ ReadCallBack;
+  void* ReadCallBackArg;
+  SSL* Ssl;  // owned; NULL for a plain socket
+
+  explicit CSocket(PlSocket sock = PL_NO_SOCKET);
+  CSocket(PlSocket sock, SSL_CTX* ctx);  // TLS server side; throws 1102
+  ~CSocket();
+  CSocket(const CSocket&) = delete;
+  CSocket& operator=(const CSocket&) = delete;
+
+  void Connect(const char* host, int port);  // throws 708, 703, 702
+  void Connect(const CStr& host, int port) { Connect(host.c_str(), port); }
+  void Flush(int n);
+  int GetBufFree() const;
+  int Getc();
+  char* Gets(char* buf, unsigned int size) { return GetUntil(buf, size, '\n', false); }
+  bool Gets(CStr& line);
+  int GetTimeOut() const { return TimeOut; }
+  char* GetUntil(char* buf, unsigned int size, char delim, bool dropDelim);
+  int Puts(const char* s);
+  int Puts(const CStr& s);
+  int Read(void* buf, int n);
+  bool SetBuf(unsigned int size);
+  void SetTimeOut(int seconds);
+  int Write(const void* buf, int n);
+  bool IsEof() const { return Eof; }
+
+ private:
+  bool Eof;
+  char* InBuf;
+  int TimeOut;
+  unsigned int InBufLen;
+  unsigned int InBufPtr;
+  unsigned int InBufSize;
+
+  void FillInBuf();
+  bool GetHost(const char* host, unsigned* addr);
+  void Init(PlSocket sock);
+};
+
+#endif

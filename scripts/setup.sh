@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs what Lumetta needs on a Debian 12 machine, skipping what is there.
+#   setup.sh build   - compilers and libraries to build the player
+#   setup.sh test    - the above plus what the test suite runs against
+#   setup.sh bench   - the above plus the peer servers of the benchmarks
+set -euo pipefail
+what=${1:-build}
+
+pkgs=(cmake g++ make pkg-config libgtest-dev libgtk-3-dev libwebkit2gtk-4.1-dev
+      php-cgi libssl3 libsqlite3-0 xdg-utils)
+if [[ $what == test || $what == bench ]]; then
+  pkgs+=(xvfb xauth openssl curl chromium php-cli x11-apps xdotool)
+fi
+if [[ $what == bench ]]; then
+  pkgs+=(nginx-light lighttpd wrk)
+fi
+
+missing=()
+for p in "${pkgs[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  echo "setup: installing ${missing[*]}"
+  SUDO=""; [[ $(id -u) -ne 0 ]] && SUDO=sudo
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

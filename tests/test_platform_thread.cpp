@@ -1,0 +1,58 @@
+// ctest-labels: threads
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "pl_thread.h"
+
+namespace {
+std::atomic<int> Counter{0};
+
+unsigned Bump(void* arg) {
+  PlEvent* go = static_cast<PlEvent*>(arg);
+  if (go) go->Wait(PL_INFINITE);
+  Counter.fetch_add(1);
+  return 0;
+}
+}  // namespace
+
+TEST(PlThread, WaitTimesOutWhileRunningAndSucceedsAfter) {
+  PlEvent go;
+  Counter = 0;
+  PlThread* t = PlThreadStart(Bump, &go, 64 * 1024);
+  ASSERT_NE(t, nullptr);
+  EXPECT_FALSE(PlThreadWait(t, 20));
+  go.Set();
+  EXPECT_TRUE(PlThreadWait(t, PL_INFINITE));
+  EXPECT_EQ(Counter.load(), 1);
+  PlThreadClose(t);
+}
+
+TEST(PlThread, CloseBeforeEndLetsTheThreadFinish) {
+  PlEvent go;
+  Counter = 0;
+  PlThread* t = PlThreadStart(Bump, &go);
+  ASSERT_NE(t, nullptr);
+  PlThreadClose(t);
+  go.Set();
+  for (int i = 0; i < 200 && Counter.load() == 0; ++i) PlSleepMs(5);
+  EXPECT_EQ(Counter.load(), 1);
+}
+
+TEST(PlMutex, IsRecursiveForItsOwner) {
+  PlMutex m;
+  m.Lock();
+  EXPECT_TRUE(m.TryLock());
+  m.Unlock();
+  m.Unlock();
+}
+
+TEST(PlEvent, StaysSetUntilReset) {
+  PlEvent e;
+  EXPECT_FALSE(e.Wait(0));
+  e.Set();
+  EXPECT_TRUE(e.Wait(0));
+  EXPECT_TRUE(e.Wait(0));
+  e.Reset();
+  EXPECT_FALSE(e.Wait(10));
+}
