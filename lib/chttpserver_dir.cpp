@@ -10,23 +10,6 @@
 
 namespace {
 
-struct DirLoadState {
-  CStrList* List;
-  const char* Dir;
-};
-
-void AddDirEntry(void* arg, const char* name) {
-  DirLoadState* state = (DirLoadState*)arg;
-  if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) return;
-  CStr full = state->Dir;
-  full += PL_PATH_SEP;
-  full += name;
-  PlPathInfo info;
-  // An entry that can't be examined (a dangling link) has nothing to show.
-  if (!PlPathStat(full.c_str(), &info)) return;
-  state->List->AddObject(name, new PlPathInfo(info));
-}
-
 int CompareNoCase(const char* a, const char* b) {
   for (;; a++, b++) {
     int ca = tolower((unsigned char)*a), cb = tolower((unsigned char)*b);
@@ -34,11 +17,11 @@ int CompareNoCase(const char* a, const char* b) {
   }
 }
 
-const PlPathInfo* EntryInfo(const __cstr_list* node) { return (const PlPathInfo*)node->Str.Object; }
+const PlStatInfo* EntryInfo(const __cstr_list* node) { return (const PlStatInfo*)node->Str.Object; }
 
 void FreeEntries(CStrList* list) {
   for (__cstr_list* node = list->Beg; node; node = node->Next) {
-    delete (PlPathInfo*)node->Str.Object;
+    delete (PlStatInfo*)node->Str.Object;
     node->Str.Object = nullptr;
   }
   delete list;
@@ -71,7 +54,7 @@ CStr ListingTableStart(const CStr& parent) {
   return text;
 }
 
-CStr ListingRow(const char* url, const CStrs& name, const PlPathInfo& info) {
+CStr ListingRow(const char* url, const CStrs& name, const PlStatInfo& info) {
   CStr row = "  <tr>\n    <td><a href=\"";
   row += url;
   row += "/";
@@ -92,7 +75,7 @@ CStr ListingRow(const char* url, const CStrs& name, const PlPathInfo& info) {
   row += "    <td>&nbsp;&nbsp;</td>\n    <td>";
   struct tm local;
   char date[64] = "";
-  if (PlLocalTime(info.MTime, &local)) strftime(date, sizeof date, "%b %d %Y %H:%M", &local);
+  if (PlLocalTime((time_t)info.MTime, &local)) strftime(date, sizeof date, "%b %d %Y %H:%M", &local);
   row += date;
   row += "</td>\n  </tr>\n";
   return row;
@@ -101,12 +84,18 @@ CStr ListingRow(const char* url, const CStrs& name, const PlPathInfo& info) {
 }  // namespace
 
 CStrList* CHttpServer::DirLoad(const char* dir) {
+  PlDir* handle = PlDirOpen(dir);
+  if (!handle) return nullptr;
   CStrList* list = new CStrList;
-  DirLoadState state = {list, dir};
-  if (!PlPathListDir(dir, AddDirEntry, &state)) {
-    FreeEntries(list);
-    return nullptr;
+  while (const char* name = PlDirNext(handle)) {
+    CStr full = dir;
+    full += PL_PATH_SEP;
+    full += name;
+    PlStatInfo info;
+    // An entry that can't be examined (a dangling link) has nothing to show.
+    if (PlStat(full.c_str(), &info)) list->AddObject(name, new PlStatInfo(info));
   }
+  PlDirClose(handle);
   return list;
 }
 

@@ -58,7 +58,7 @@ bool HasEmbeddedNul(const CStr& s) { return s.Str && (int)strlen(s.Str) != s.Len
 
 bool ResolvesInside(const CStr& root, const CStr& local) {
   std::string realRoot, realLocal;
-  if (!PlPathReal(root.c_str(), realRoot) || !PlPathReal(local.c_str(), realLocal)) return false;
+  if (!PlRealPath(root.c_str(), &realRoot) || !PlRealPath(local.c_str(), &realLocal)) return false;
   return PlPathInside(realRoot.c_str(), realLocal.c_str());
 }
 
@@ -132,8 +132,8 @@ void CHttpServer::Get(HTTPS_CLIENT* client) {
       }
     }
 
-    PlPathInfo info;
-    bool found = PlPathStat(local.c_str(), &info);
+    PlStatInfo info;
+    bool found = PlStat(local.c_str(), &info);
     if (found && !root.IsEmpty() && !ResolvesInside(root, local)) {
       PrintLog(client->Ip, "GET: \"%s\" leads out of its directory", client->Arg.c_str());
       SendError(client, ErrMsg403, nullptr);
@@ -161,8 +161,7 @@ void CHttpServer::Get(HTTPS_CLIENT* client) {
       CStrs* doc = nullptr;
       for (int i = 0; i < DefDocs.Count() && !doc; i++) {
         CStrs* entry = DefDocs[i];
-        PlPathInfo docInfo;
-        if (entry && PlPathStat(JoinLocal(local, *entry).c_str(), &docInfo) && !docInfo.IsDir)
+        if (entry && PlIsFile(JoinLocal(local, *entry).c_str()))
           doc = entry;
       }
       if (doc) {
@@ -182,12 +181,12 @@ void CHttpServer::Get(HTTPS_CLIENT* client) {
       SendError(client, ErrMsg404, nullptr);
       return;
     }
-    if (client->ModifiedTm != 0 && client->ModifiedTm == info.MTime) {
+    if (client->ModifiedTm != 0 && client->ModifiedTm == (time_t)info.MTime) {
       SendNotModified(client->Socket);
       return;
     }
     CStr ext = local.FileExt();
-    if (SendHeader(client, (int)info.Size, GetMimeType(ext), nullptr, (long long)info.MTime, 1) &&
+    if (SendHeader(client, (int)info.Size, GetMimeType(ext), nullptr, info.MTime, 1) &&
         !SendFile(client, local.c_str()))
       SendError(client, ErrMsg404, nullptr);
     return;
