@@ -127,7 +127,11 @@ void ParseMultipart(CCgi* cgi, char* body, int len, const CStr& boundary) {
     if (*p == '\n') p++;
     PartHead part;
     if (!ReadPartHead(p, part)) continue;
-    if (part.IsEmptyFile) continue;
+    if (part.IsEmptyFile) {
+      // The cut header would stop the next search short: go on past it.
+      p = part.Data;
+      continue;
+    }
     int left = len - (int)(part.Data - body);
     char* end = CHttpServer::MemStr(part.Data, left > 0 ? left : 0, (char*)bnd);
     if (part.IsFile) {
