@@ -187,23 +187,3 @@ TEST(CCharVect, SlotsAfterAHoleAreFreedToo) {
   CCharVect none(0);
   EXPECT_EQ(none.GetVect()[0], nullptr);
 }
-
-// ---- CList ----
-
-TEST(CList, AddIndexesAndIteratorWalks) {
-  CList<CStr> l;
-  *l.Add() = "zero";
-  *l.Add() = "one";
-  *l.Add() = "two";
-  EXPECT_EQ(l.Count(), 3);
-  EXPECT_EQ(*l.Get(1), "one");
-  EXPECT_EQ(l.Get(3), nullptr);
-  CListIterator<CStr> it(&l);
-  std::string walk;
-  while (CStr* s = it.Next()) walk += s->c_str();
-  EXPECT_EQ(walk, "zeroonetwo");
-  EXPECT_EQ(*it.Seek(2), "two");
-  EXPECT_EQ(it.Seek(5), nullptr);
-  l.Clear();
-  EXPECT_EQ(l.Count(), 0);
-}
