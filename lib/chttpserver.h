@@ -125,8 +125,10 @@ struct HTTPS_CLIENT {
   CStr InUserAgent;
   int PostLen;
   int PostType;
-  PlThread* Thread;  // not kept: the accepting thread releases the handle at once
-  unsigned long ThreadID;
+  // Null: the accepting thread releases the handle at once, because the
+  // connection thread may free this record before the handle could be stored.
+  PlThread* Thread;
+  unsigned long ThreadID;  // set by the connection thread itself
   time_t ModifiedTm;
 };
 
@@ -186,6 +188,22 @@ class CHttpServer {
   int MaxPostLen;
   PlThread* AcceptingThread;
   unsigned long AcceptingThreadID;
+  // Book-keeping of live connection threads, so that the destructor can wake
+  // and wait for them instead of leaving them with a dangling server.
+  struct LiveClients* Live;
+
+  void AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short remotePort);
+  void DrainClients();
+  void ClientBegin(HTTPS_CLIENT* client);
+  void ClientSocketClosing(HTTPS_CLIENT* client);
+  void ClientEnd();
+  void ServeRequest(HTTPS_CLIENT* client);
+  bool ReadRequest(HTTPS_CLIENT* client);
+  void ParseHeader(HTTPS_CLIENT* client, char* line);
+  void ParseContentType(HTTPS_CLIENT* client, char* save);
+  void DispatchPost(HTTPS_CLIENT* client);
+  bool WriteAll(CSocket* sock, const char* buf, int len);
+  void SendErrorPage(HTTPS_CLIENT* client, HTTPS_ERRMSG& err);
 
  public:
   // Life cycle.

@@ -62,6 +62,17 @@ bool ResolvesInside(const CStr& root, const CStr& local) {
   return PlPathInside(realRoot.c_str(), realLocal.c_str());
 }
 
+// Browsers send the port in Host whenever it is not the scheme's default;
+// adding ours again would give "host:port:port".
+bool HostHasPort(const CStr& host) {
+  int colon = -1, bracket = -1;
+  for (int i = 0; i < host.Len; i++) {
+    if (host.Str[i] == ':') colon = i;
+    if (host.Str[i] == ']') bracket = i;
+  }
+  return colon > bracket;
+}
+
 // The decoded request path made fit for a Location header and the link in
 // the redirect page: control bytes, blanks and characters that would end or
 // change the URL are percent-encoded again.
@@ -144,7 +155,7 @@ void CHttpServer::Get(HTTPS_CLIENT* client) {
       if (client->Arg.Last() != '/') {
         CStr url = SslEnabled ? "https://" : "http://";
         url += client->Host.IsEmpty() ? HostName : client->Host;
-        if (Port != (SslEnabled ? 443 : 80)) {
+        if (Port != (SslEnabled ? 443 : 80) && !HostHasPort(client->Host)) {
           url += ":";
           url += (int)Port;
         }
