@@ -3,9 +3,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "dll.h"
+#include "pl_thread.h"
 
 namespace {
 
@@ -38,12 +38,12 @@ struct SqliteApi {
 SqliteApi Api;
 DLLHANDLE ApiHandle = nullptr;
 CStr ApiLibName("libsqlite3.so.0");
-std::mutex ApiMutex;
+PlMutex ApiMutex;
 
 // Binds the library on first use; a failed attempt is retried by the next
 // database object, so a library installed later is still found.
 bool BindApi() {
-  std::lock_guard<std::mutex> lock(ApiMutex);
+  PlLock lock(ApiMutex);
   if (ApiHandle) return true;
   return DllGetAddresses(&ApiHandle, ApiLibName.c_str(),
       (void**)&Api.bind_blob, "sqlite3_bind_blob", (void**)&Api.blob_bytes, "sqlite3_blob_bytes",
@@ -108,14 +108,14 @@ CDatabase::CDatabase()
 CDatabase::~CDatabase() { Close(); }
 
 bool CDatabase::SetLibraryName(const char* name) {
-  std::lock_guard<std::mutex> lock(ApiMutex);
+  PlLock lock(ApiMutex);
   if (ApiHandle || Missing(name)) return false;
   ApiLibName = name;
   return true;
 }
 
 bool CDatabase::LibraryBound() {
-  std::lock_guard<std::mutex> lock(ApiMutex);
+  PlLock lock(ApiMutex);
   return ApiHandle != nullptr;
 }
 

@@ -8,10 +8,10 @@
 // it to see a missing library, installations to point at another build. It
 // is declared where it is needed:
 //   bool OpenSSLSetLibraryName(const char* name);
-#include <mutex>
 
 #include "chttpserver.h"
 #include "dll.h"
+#include "pl_thread.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ namespace {
 const uint64_t kInitLoadStrings = 0x200002;
 const int kFilePem = 1;
 
-std::mutex SslMutex;
+PlMutex SslMutex;
 DLLHANDLE SslLibrary = nullptr;
 bool SslReady = false;
 CStr SslLibraryName("libssl.so.3");
@@ -45,7 +45,7 @@ bool BindTable() {
 }  // namespace
 
 bool OpenSSLSetLibraryName(const char* name) {
-  std::lock_guard<std::mutex> lock(SslMutex);
+  PlLock lock(SslMutex);
   if (SslReady || !name || !*name) return false;
   SslLibraryName = name;
   return true;
@@ -54,7 +54,7 @@ bool OpenSSLSetLibraryName(const char* name) {
 // Serialised so that two servers started on different threads bind once; a
 // failed attempt is tried again by the next caller.
 bool CHttpServer::OpenSSLInit() {
-  std::lock_guard<std::mutex> lock(SslMutex);
+  PlLock lock(SslMutex);
   if (SslReady) return true;
   if (!BindTable()) return false;
   // The library reports failure with 0 (and never unloads once started), so
