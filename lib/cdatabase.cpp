@@ -252,7 +252,8 @@ char* CDatabase::BlobGet(const char* table, const char* column, long long rowid,
   bool ok = bytes <= 0 || Api.blob_read(blob, buf, bytes, 0) == kSqliteOk;
   Api.blob_close(blob);
   buf[ok && bytes > 0 ? bytes : 0] = 0;
-  int decoded = ok ? DecodeBinary(reinterpret_cast<unsigned char*>(buf), reinterpret_cast<unsigned char*>(buf)) : -1;
+  unsigned char* bytesIn = reinterpret_cast<unsigned char*>(buf);
+  int decoded = ok ? DecodeBinary(bytesIn, bytesIn) : -1;
   if (decoded < 0) {
     delete[] buf;
     return nullptr;

@@ -238,35 +238,35 @@ unsigned char CFileStream::ReadByte() {
   ReadExact(*this, &v, 1);
   return v;
 }
-short CFileStream::ReadWord() { return ReadScalar<CFileStream, short>(*this, Endian != SysEndian); }
-int CFileStream::ReadLong() { return ReadScalar<CFileStream, int>(*this, Endian != SysEndian); }
-long long CFileStream::ReadLongLong() { return ReadScalar<CFileStream, long long>(*this, Endian != SysEndian); }
-float CFileStream::ReadFloat() { return ReadScalar<CFileStream, float>(*this, Endian != SysEndian); }
-double CFileStream::ReadDouble() { return ReadScalar<CFileStream, double>(*this, Endian != SysEndian); }
+short CFileStream::ReadWord() { return ReadScalar<CFileStream, short>(*this, Swap()); }
+int CFileStream::ReadLong() { return ReadScalar<CFileStream, int>(*this, Swap()); }
+long long CFileStream::ReadLongLong() { return ReadScalar<CFileStream, long long>(*this, Swap()); }
+float CFileStream::ReadFloat() { return ReadScalar<CFileStream, float>(*this, Swap()); }
+double CFileStream::ReadDouble() { return ReadScalar<CFileStream, double>(*this, Swap()); }
 void CFileStream::WriteByte(unsigned char v) { Write(&v, 1); }
-void CFileStream::WriteWord(short v) { WriteScalar(*this, v, Endian != SysEndian); }
-void CFileStream::WriteLong(int v) { WriteScalar(*this, v, Endian != SysEndian); }
-void CFileStream::WriteLongLong(long long v) { WriteScalar(*this, v, Endian != SysEndian); }
-void CFileStream::WriteFloat(float v) { WriteScalar(*this, v, Endian != SysEndian); }
-void CFileStream::WriteDouble(double v) { WriteScalar(*this, v, Endian != SysEndian); }
+void CFileStream::WriteWord(short v) { WriteScalar(*this, v, Swap()); }
+void CFileStream::WriteLong(int v) { WriteScalar(*this, v, Swap()); }
+void CFileStream::WriteLongLong(long long v) { WriteScalar(*this, v, Swap()); }
+void CFileStream::WriteFloat(float v) { WriteScalar(*this, v, Swap()); }
+void CFileStream::WriteDouble(double v) { WriteScalar(*this, v, Swap()); }
 
-void CFileStream::ReadArray(short* p, unsigned int n) { ReadItems(*this, p, n, 2, Endian != SysEndian); }
-void CFileStream::ReadArray(int* p, unsigned int n) { ReadItems(*this, p, n, 4, Endian != SysEndian); }
-void CFileStream::ReadArray(long long* p, unsigned int n) { ReadItems(*this, p, n, 8, Endian != SysEndian); }
-void CFileStream::ReadArray(float* p, unsigned int n) { ReadItems(*this, p, n, 4, Endian != SysEndian); }
-void CFileStream::ReadArray(double* p, unsigned int n) { ReadItems(*this, p, n, 8, Endian != SysEndian); }
-void CFileStream::ReadArray4(void* p, unsigned int n) { ReadItems(*this, p, n, 4, Endian != SysEndian); }
-void CFileStream::ReadArray8(void* p, unsigned int n) { ReadItems(*this, p, n, 8, Endian != SysEndian); }
-void CFileStream::WriteArray(const short* p, unsigned int n) { WriteItems(*this, p, n, 2, Endian != SysEndian); }
-void CFileStream::WriteArray(const int* p, unsigned int n) { WriteItems(*this, p, n, 4, Endian != SysEndian); }
-void CFileStream::WriteArray(const long long* p, unsigned int n) { WriteItems(*this, p, n, 8, Endian != SysEndian); }
-void CFileStream::WriteArray(const float* p, unsigned int n) { WriteItems(*this, p, n, 4, Endian != SysEndian); }
-void CFileStream::WriteArray(const double* p, unsigned int n) { WriteItems(*this, p, n, 8, Endian != SysEndian); }
-void CFileStream::WriteArray4(const void* p, unsigned int n) { WriteItems(*this, p, n, 4, Endian != SysEndian); }
-void CFileStream::WriteArray8(const void* p, unsigned int n) { WriteItems(*this, p, n, 8, Endian != SysEndian); }
+void CFileStream::ReadArray(short* p, unsigned int n) { ReadItems(*this, p, n, 2, Swap()); }
+void CFileStream::ReadArray(int* p, unsigned int n) { ReadItems(*this, p, n, 4, Swap()); }
+void CFileStream::ReadArray(long long* p, unsigned int n) { ReadItems(*this, p, n, 8, Swap()); }
+void CFileStream::ReadArray(float* p, unsigned int n) { ReadItems(*this, p, n, 4, Swap()); }
+void CFileStream::ReadArray(double* p, unsigned int n) { ReadItems(*this, p, n, 8, Swap()); }
+void CFileStream::ReadArray4(void* p, unsigned int n) { ReadItems(*this, p, n, 4, Swap()); }
+void CFileStream::ReadArray8(void* p, unsigned int n) { ReadItems(*this, p, n, 8, Swap()); }
+void CFileStream::WriteArray(const short* p, unsigned int n) { WriteItems(*this, p, n, 2, Swap()); }
+void CFileStream::WriteArray(const int* p, unsigned int n) { WriteItems(*this, p, n, 4, Swap()); }
+void CFileStream::WriteArray(const long long* p, unsigned int n) { WriteItems(*this, p, n, 8, Swap()); }
+void CFileStream::WriteArray(const float* p, unsigned int n) { WriteItems(*this, p, n, 4, Swap()); }
+void CFileStream::WriteArray(const double* p, unsigned int n) { WriteItems(*this, p, n, 8, Swap()); }
+void CFileStream::WriteArray4(const void* p, unsigned int n) { WriteItems(*this, p, n, 4, Swap()); }
+void CFileStream::WriteArray8(const void* p, unsigned int n) { WriteItems(*this, p, n, 8, Swap()); }
 
-void CFileStream::ReadFor(void* p, unsigned int n) { ReadRecord(*this, p, n, Endian != SysEndian); }
-void CFileStream::WriteFor(const void* p, unsigned int n) { WriteRecord(*this, p, n, Endian != SysEndian); }
+void CFileStream::ReadFor(void* p, unsigned int n) { ReadRecord(*this, p, n, Swap()); }
+void CFileStream::WriteFor(const void* p, unsigned int n) { WriteRecord(*this, p, n, Swap()); }
 
 int CFileStream::Getc() {
   Need(CSTREAM_READ);
@@ -454,35 +454,35 @@ unsigned char CMemStream::ReadByte() {
   ReadExact(*this, &v, 1);
   return v;
 }
-short CMemStream::ReadWord() { return ReadScalar<CMemStream, short>(*this, Endian != SysEndian); }
-int CMemStream::ReadLong() { return ReadScalar<CMemStream, int>(*this, Endian != SysEndian); }
-long long CMemStream::ReadLongLong() { return ReadScalar<CMemStream, long long>(*this, Endian != SysEndian); }
-float CMemStream::ReadFloat() { return ReadScalar<CMemStream, float>(*this, Endian != SysEndian); }
-double CMemStream::ReadDouble() { return ReadScalar<CMemStream, double>(*this, Endian != SysEndian); }
+short CMemStream::ReadWord() { return ReadScalar<CMemStream, short>(*this, Swap()); }
+int CMemStream::ReadLong() { return ReadScalar<CMemStream, int>(*this, Swap()); }
+long long CMemStream::ReadLongLong() { return ReadScalar<CMemStream, long long>(*this, Swap()); }
+float CMemStream::ReadFloat() { return ReadScalar<CMemStream, float>(*this, Swap()); }
+double CMemStream::ReadDouble() { return ReadScalar<CMemStream, double>(*this, Swap()); }
 void CMemStream::WriteByte(unsigned char v) { Write(&v, 1); }
-void CMemStream::WriteWord(short v) { WriteScalar(*this, v, Endian != SysEndian); }
-void CMemStream::WriteLong(int v) { WriteScalar(*this, v, Endian != SysEndian); }
-void CMemStream::WriteLongLong(long long v) { WriteScalar(*this, v, Endian != SysEndian); }
-void CMemStream::WriteFloat(float v) { WriteScalar(*this, v, Endian != SysEndian); }
-void CMemStream::WriteDouble(double v) { WriteScalar(*this, v, Endian != SysEndian); }
+void CMemStream::WriteWord(short v) { WriteScalar(*this, v, Swap()); }
+void CMemStream::WriteLong(int v) { WriteScalar(*this, v, Swap()); }
+void CMemStream::WriteLongLong(long long v) { WriteScalar(*this, v, Swap()); }
+void CMemStream::WriteFloat(float v) { WriteScalar(*this, v, Swap()); }
+void CMemStream::WriteDouble(double v) { WriteScalar(*this, v, Swap()); }
 
-void CMemStream::ReadArray(short* p, unsigned int n) { ReadItems(*this, p, n, 2, Endian != SysEndian); }
-void CMemStream::ReadArray(int* p, unsigned int n) { ReadItems(*this, p, n, 4, Endian != SysEndian); }
-void CMemStream::ReadArray(long long* p, unsigned int n) { ReadItems(*this, p, n, 8, Endian != SysEndian); }
-void CMemStream::ReadArray(float* p, unsigned int n) { ReadItems(*this, p, n, 4, Endian != SysEndian); }
-void CMemStream::ReadArray(double* p, unsigned int n) { ReadItems(*this, p, n, 8, Endian != SysEndian); }
-void CMemStream::ReadArray4(void* p, unsigned int n) { ReadItems(*this, p, n, 4, Endian != SysEndian); }
-void CMemStream::ReadArray8(void* p, unsigned int n) { ReadItems(*this, p, n, 8, Endian != SysEndian); }
-void CMemStream::WriteArray(const short* p, unsigned int n) { WriteItems(*this, p, n, 2, Endian != SysEndian); }
-void CMemStream::WriteArray(const int* p, unsigned int n) { WriteItems(*this, p, n, 4, Endian != SysEndian); }
-void CMemStream::WriteArray(const long long* p, unsigned int n) { WriteItems(*this, p, n, 8, Endian != SysEndian); }
-void CMemStream::WriteArray(const float* p, unsigned int n) { WriteItems(*this, p, n, 4, Endian != SysEndian); }
-void CMemStream::WriteArray(const double* p, unsigned int n) { WriteItems(*this, p, n, 8, Endian != SysEndian); }
-void CMemStream::WriteArray4(const void* p, unsigned int n) { WriteItems(*this, p, n, 4, Endian != SysEndian); }
-void CMemStream::WriteArray8(const void* p, unsigned int n) { WriteItems(*this, p, n, 8, Endian != SysEndian); }
+void CMemStream::ReadArray(short* p, unsigned int n) { ReadItems(*this, p, n, 2, Swap()); }
+void CMemStream::ReadArray(int* p, unsigned int n) { ReadItems(*this, p, n, 4, Swap()); }
+void CMemStream::ReadArray(long long* p, unsigned int n) { ReadItems(*this, p, n, 8, Swap()); }
+void CMemStream::ReadArray(float* p, unsigned int n) { ReadItems(*this, p, n, 4, Swap()); }
+void CMemStream::ReadArray(double* p, unsigned int n) { ReadItems(*this, p, n, 8, Swap()); }
+void CMemStream::ReadArray4(void* p, unsigned int n) { ReadItems(*this, p, n, 4, Swap()); }
+void CMemStream::ReadArray8(void* p, unsigned int n) { ReadItems(*this, p, n, 8, Swap()); }
+void CMemStream::WriteArray(const short* p, unsigned int n) { WriteItems(*this, p, n, 2, Swap()); }
+void CMemStream::WriteArray(const int* p, unsigned int n) { WriteItems(*this, p, n, 4, Swap()); }
+void CMemStream::WriteArray(const long long* p, unsigned int n) { WriteItems(*this, p, n, 8, Swap()); }
+void CMemStream::WriteArray(const float* p, unsigned int n) { WriteItems(*this, p, n, 4, Swap()); }
+void CMemStream::WriteArray(const double* p, unsigned int n) { WriteItems(*this, p, n, 8, Swap()); }
+void CMemStream::WriteArray4(const void* p, unsigned int n) { WriteItems(*this, p, n, 4, Swap()); }
+void CMemStream::WriteArray8(const void* p, unsigned int n) { WriteItems(*this, p, n, 8, Swap()); }
 
-void CMemStream::ReadFor(void* p, unsigned int n) { ReadRecord(*this, p, n, Endian != SysEndian); }
-void CMemStream::WriteFor(const void* p, unsigned int n) { WriteRecord(*this, p, n, Endian != SysEndian); }
+void CMemStream::ReadFor(void* p, unsigned int n) { ReadRecord(*this, p, n, Swap()); }
+void CMemStream::WriteFor(const void* p, unsigned int n) { WriteRecord(*this, p, n, Swap()); }
 
 int CMemStream::Getc() {
   int c = PeekRead(*this);

@@ -122,6 +122,7 @@ class CFileStream {
   bool StdStream;  // bound to stdin/stdout/stderr: not ours to close
   int LastOp;      // 0 none, 1 read, 2 write: a seek must separate the two
 
+  bool Swap() const { return Endian != SysEndian; }
   void Need(int access);
   void Turn(int op);
 };
@@ -227,6 +228,7 @@ class CMemStream {
   long long Size;
   long long BlockSize;
 
+  bool Swap() const { return Endian != SysEndian; }
   bool StepBlock(bool append);
   unsigned long long CopyOut(char* out) const;
 };

@@ -93,7 +93,8 @@ TEST(CDatabaseEncoding, EveryByteValueInSeveralOrdersRoundTrips) {
   inputs.push_back(std::string(1000, '\''));
   for (const std::string& in : inputs) {
     std::vector<unsigned char> enc(257 * in.size() / 254 + 3);
-    int n = CDatabase::EncodeBinary(reinterpret_cast<const unsigned char*>(in.data()), (int)in.size(), enc.data());
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(in.data());
+    int n = CDatabase::EncodeBinary(bytes, (int)in.size(), enc.data());
     EXPECT_EQ(std::count(enc.begin(), enc.begin() + n, '\''), 0);  // safe inside quotes
     EXPECT_EQ(std::count(enc.begin(), enc.begin() + n, 0), 0);
     int m = CDatabase::DecodeBinary(enc.data(), enc.data());  // in place
