@@ -73,12 +73,15 @@ class CCharVect {
   char** Vect;  // Num + 1 slots, the last always NULL
 
   explicit CCharVect(int n);
-  ~CCharVect();
+  ~CCharVect();  // frees every non-NULL slot, then the array
   CCharVect(const CCharVect&) = delete;
   CCharVect& operator=(const CCharVect&) = delete;
 
+  // Frees slot i and stores a copy of s (NULL for NULL or ""); returns the
+  // stored pointer, NULL when i is out of range. Slots are new[] blocks.
   char* Set(int i, const char* s);
   char* Set(int i, const CStr& s);
+  char* Set(int i, const char* s, int n);  // copies exactly n bytes
   char* operator[](int i) const { return (i < 0 || i >= Num) ? nullptr : Vect[i]; }
   int GetNum() const { return Num; }
   char** GetVect() const { return Vect; }

@@ -10,8 +10,8 @@ class CCharVect;
 
 class CStr {
  public:
-  char* Str;  // heap block of Len + 1 bytes, or NULL when empty
-  int Len;
+  char* Str;  // new[] block of exactly Len + 1 bytes, or NULL when empty
+  int Len;    // bytes before the terminator (a decoded %00 may stand inside)
 
   CStr();
   CStr(const char* s);
@@ -49,6 +49,9 @@ class CStr {
   char First() const { return Str ? Str[0] : 0; }
   char Last() const { return (Str && Len > 0) ? Str[Len - 1] : 0; }
   bool IsEmpty() const { return !Str || !Str[0]; }
+  // True when a NUL stands inside the first Len bytes (e.g. UrlDecode of
+  // "%00"): C-string users then see a shorter text than Len says.
+  bool HasNul() const;
   // Text or "" (never NULL): for printf-style callers.
   const char* c_str() const { return Str ? Str : ""; }
   void Empty();
@@ -101,6 +104,8 @@ class CStr {
   void Upper();
   int Substc(char a, char b);
   bool Subst(const char* find, const char* repl);
+  // Each pass searches from the start again, so a replacement that contains
+  // find never ends: callers must not do that.
   int SubstAll(const char* find, const char* repl);
   bool SubstClr(const char* find) { return Subst(find, ""); }
   int SubstClrAll(const char* find) { return SubstAll(find, ""); }
@@ -113,6 +118,8 @@ class CStr {
   void TrimLeft(const char* set = " \t\r\n") { Trim(set, 1); }
   void TrimRight(const char* set = " \t\r\n") { Trim(set, 2); }
   void HtmlEncode();
+  // '+' to blank, "%xy" to its byte. A '%' among the last two characters is
+  // kept as it is. Len counts every decoded byte, a %00 included (see HasNul).
   void UrlDecode();
   void Base64Encode();
   void Base64Decode();
@@ -147,6 +154,9 @@ class CStr {
   int ToInt() const;
   float ToFloat() const;
   double ToDouble() const;
+
+ private:
+  void Adopt(char* block, int len);  // frees the old block, takes block over
 };
 
 // A string with an attached object (not owned).
@@ -185,7 +195,12 @@ class CStrList {
   __cstr_list** CreateTable() const;  // caller frees with delete[]
   // cmp receives pointers to node pointers (const __cstr_list* const*).
   bool Sort(int (*cmp)(const void*, const void*));
-  char* ToCharNull() const;  // double-NUL-terminated block; caller frees with delete[]
+  // Every string and its NUL, then one more NUL; NULL for an empty list.
+  // The caller frees it with delete[]. An empty string ends the block early
+  // for readers that stop at the first double NUL.
+  char* ToCharNull() const;
+  // One slot per string (an empty string gets "" so the vector stays whole);
+  // the caller deletes it.
   CCharVect* ToCharVect() const;
 
  private:

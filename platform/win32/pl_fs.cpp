@@ -1,0 +1,139 @@
+#include "pl_fs.h"
+
+#include <windows.h>
+#include <sys/stat.h>
+#include <string.h>
+
+#include <vector>
+
+bool PlStat(const char* path, PlStatInfo* out) {
+  if (!path || !*path) return false;
+  struct _stati64 st;
+  if (_stati64(path, &st) != 0) return false;
+  if (out) {
+    out->Size = (long long)st.st_size;
+    out->MTime = (long long)st.st_mtime;
+    out->IsDir = (st.st_mode & _S_IFDIR) != 0;
+  }
+  return true;
+}
+
+bool PlIsDir(const char* path) {
+  PlStatInfo st;
+  return PlStat(path, &st) && st.IsDir;
+}
+
+bool PlIsFile(const char* path) {
+  PlStatInfo st;
+  return PlStat(path, &st) && !st.IsDir;
+}
+
+// The first entry comes with FindFirstFileA itself, so it is held back
+// until the first PlDirNext.
+struct PlDir {
+  HANDLE Handle;
+  WIN32_FIND_DATAA Data;
+  bool Pending;
+};
+
+PlDir* PlDirOpen(const char* path) {
+  if (!path || !*path) return nullptr;
+  std::string pattern(path);
+  if (pattern.back() != '\\' && pattern.back() != '/') pattern += '\\';
+  pattern += '*';
+  PlDir* dir = new PlDir;
+  dir->Handle = FindFirstFileA(pattern.c_str(), &dir->Data);
+  if (dir->Handle == INVALID_HANDLE_VALUE) {
+    delete dir;
+    return nullptr;
+  }
+  dir->Pending = true;
+  return dir;
+}
+
+const char* PlDirNext(PlDir* dir) {
+  if (!dir) return nullptr;
+  for (;;) {
+    if (!dir->Pending && !FindNextFileA(dir->Handle, &dir->Data)) return nullptr;
+    dir->Pending = false;
+    const char* name = dir->Data.cFileName;
+    if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0) return name;
+  }
+}
+
+void PlDirClose(PlDir* dir) {
+  if (!dir) return;
+  FindClose(dir->Handle);
+  delete dir;
+}
+
+bool PlMkdir(const char* path) { return path && *path && CreateDirectoryA(path, nullptr); }
+bool PlRmdir(const char* path) { return path && *path && RemoveDirectoryA(path); }
+bool PlChdir(const char* path) { return path && *path && SetCurrentDirectoryA(path); }
+bool PlUnlink(const char* path) { return path && *path && DeleteFileA(path); }
+
+bool PlRename(const char* from, const char* to) {
+  return from && *from && to && *to &&
+         MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED);
+}
+
+// Keeps "C:\" whole; any other final separator goes.
+static void DropFinalSep(std::string* s) {
+  if (s->size() > 3 && (s->back() == '\\' || s->back() == '/')) s->pop_back();
+}
+
+bool PlGetCwd(std::string* out) {
+  DWORD n = GetCurrentDirectoryA(0, nullptr);
+  if (n == 0) return false;
+  std::vector<char> buf(n + 1);
+  DWORD got = GetCurrentDirectoryA((DWORD)buf.size(), buf.data());
+  if (got == 0 || got >= buf.size()) return false;
+  out->assign(buf.data(), got);
+  DropFinalSep(out);
+  return true;
+}
+
+bool PlTempDir(std::string* out) {
+  DWORD n = GetTempPathA(0, nullptr);
+  if (n == 0) return false;
+  std::vector<char> buf(n + 1);
+  DWORD got = GetTempPathA((DWORD)buf.size(), buf.data());
+  if (got == 0 || got >= buf.size()) return false;
+  out->assign(buf.data(), got);
+  DropFinalSep(out);
+  return true;
+}
+
+bool PlRealPath(const char* path, std::string* out) {
+  if (!path || !*path) return false;
+  HANDLE h = CreateFileA(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                         OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  std::vector<char> buf(MAX_PATH + 1);
+  DWORD n = GetFinalPathNameByHandleA(h, buf.data(), (DWORD)buf.size(), FILE_NAME_NORMALIZED);
+  if (n >= buf.size()) {
+    buf.resize(n + 1);
+    n = GetFinalPathNameByHandleA(h, buf.data(), (DWORD)buf.size(), FILE_NAME_NORMALIZED);
+  }
+  CloseHandle(h);
+  if (n == 0 || n >= buf.size()) return false;
+  std::string full(buf.data(), n);
+  // Drop the "\\?\" prefix of the extended form when it names a drive path.
+  if (full.compare(0, 4, "\\\\?\\") == 0 && full.compare(4, 4, "UNC\\") != 0) full.erase(0, 4);
+  *out = full;
+  return true;
+}
+
+bool PlProgramPath(std::string* out) {
+  std::vector<char> buf(MAX_PATH + 1);
+  for (;;) {
+    DWORD n = GetModuleFileNameA(nullptr, buf.data(), (DWORD)buf.size());
+    if (n == 0) return false;
+    if (n < buf.size()) {
+      out->assign(buf.data(), n);
+      return true;
+    }
+    if (buf.size() > 32768) return false;
+    buf.resize(buf.size() * 2);
+  }
+}
