@@ -7,7 +7,10 @@
 #include <cstdio>
 #include <string>
 
+#include "cstr.h"
 #include "ini_reader.h"
+#include "settings.h"
+#include "shell_state.h"
 
 namespace {
 
@@ -82,6 +85,44 @@ TEST_F(ShellIniReader, EachCallReadsTheFileAgain) {
   EXPECT_EQ(Read("PORT"), "2");
   remove(Path.c_str());
   EXPECT_EQ(Read("PORT"), "dflt");
+}
+
+TEST_F(ShellIniReader, KeyTableRowsAndDefaults) {
+  const char* names[INI_KEY_COUNT] = {
+      "TITLE", "TOP", "LEFT", "CENTER", "CLIENT_WIDTH", "CLIENT_HEIGHT", "SIZEABLE",
+      "BORDER", "GLASSWIN", "STAYONTOP", "ICON", "ICON_SYSMENU", "ICON_MINIMIZE",
+      "ICON_MAXIMIZE", "STATUSBAR", "POPUPMENU", "HOMEDIR", "PHP", "PORT"};
+  for (int i = 0; i < INI_KEY_COUNT; i++) EXPECT_STREQ(IniKeyTable[i].Key, names[i]);
+  remove(Path.c_str());
+  IniFile = Path.c_str();
+  CStr text;
+  ReadIniKey(&text, INI_TITLE);
+  EXPECT_STREQ(text.c_str(), "Lumetta");
+  ReadIniKey(&text, INI_HOMEDIR);
+  EXPECT_STREQ(text.c_str(), "%PROGDIR%");
+  ReadIniKey(&text, INI_ICON);
+  EXPECT_TRUE(text.IsEmpty());
+  EXPECT_EQ(ReadIniInt(INI_CLIENT_WIDTH), 640);
+  EXPECT_EQ(ReadIniInt(INI_CLIENT_HEIGHT), 480);
+  EXPECT_EQ(ReadIniInt(INI_PORT), 80);
+  EXPECT_EQ(ReadIniInt(INI_CENTER), 1);
+  EXPECT_EQ(ReadIniInt(INI_GLASSWIN), 0);
+  IniFile.Empty();
+}
+
+TEST_F(ShellIniReader, ReadIniKeyConvertsLikeAtol) {
+  Write("[lumetta]\nport = 8580abc\nCENTER=no\nBORDER=-1\nSIZEABLE= 2\n"
+        "PHP=\nTITLE=\"  Quoted  \"\n");
+  IniFile = Path.c_str();
+  EXPECT_EQ(ReadIniInt(INI_PORT), 8580);
+  EXPECT_EQ(ReadIniInt(INI_CENTER), 0);
+  EXPECT_EQ(ReadIniInt(INI_BORDER), -1);
+  EXPECT_EQ(ReadIniInt(INI_SIZEABLE), 2);
+  EXPECT_EQ(ReadIniInt(INI_PHP), 0);  // present but empty: not the default
+  CStr title;
+  ReadIniKey(&title, INI_TITLE);
+  EXPECT_STREQ(title.c_str(), "  Quoted  ");
+  IniFile.Empty();
 }
 
 }  // namespace

@@ -1,0 +1,47 @@
+# Helpers shared by the player's script tests. Sourced; BIN_DIR (build/shell)
+# and SRC_DIR (the source tree) come from the caller's arguments.
+set -uo pipefail
+
+WORK=$(mktemp -d /tmp/lumetta_gui.XXXXXX)
+PIDS=()
+cleanup() {
+  local p
+  for p in "${PIDS[@]}"; do kill "$p" 2>/dev/null; done
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+fail() { echo "FAIL: $*" >&2; exit 1; }
+skip() { echo "SKIP: $*" >&2; exit 77; }
+
+# A port nobody listens on right now.
+free_port() {
+  python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'
+}
+
+port_listening() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+
+# wait_for SECONDS COMMAND...: retries the command every 0.1 s.
+wait_for() {
+  local tries=$(( $1 * 10 )); shift
+  while (( tries-- > 0 )); do "$@" && return 0; sleep 0.1; done
+  return 1
+}
+
+# A home directory whose start page fills the view with one colour.
+make_colour_site() {  # dir colour
+  mkdir -p "$1/docs"
+  cat > "$1/index.html" <<HTML
+<!doctype html><html><head><link rel="stylesheet" href="page.css"></head>
+<body><p>colour page</p></body></html>
+HTML
+  echo "html,body{margin:0;height:100%;background:$2}" > "$1/page.css"
+  echo "<!doctype html><html><body style='margin:0;background:#ff00ff'>a</body></html>" \
+    > "$1/docs/a.html"
+}
+
+# write_ini FILE KEY=VALUE...: a settings file with one section.
+write_ini() {
+  local f=$1; shift
+  { echo "[Lumetta]"; printf '%s\n' "$@"; } > "$f"
+}
