@@ -44,7 +44,10 @@ class CSocket {
   SSL* Ssl;  // owned; NULL for a plain socket
 
   explicit CSocket(PlSocket sock = PL_NO_SOCKET);
-  CSocket(PlSocket sock, SSL_CTX* ctx);  // TLS server side; throws 1102
+  // TLS server side: runs the handshake, bounded by the receive time-out.
+  // On failure it throws 1102 after freeing everything and closing sock, so
+  // the caller must not close sock again.
+  CSocket(PlSocket sock, SSL_CTX* ctx);
   ~CSocket();
   CSocket(const CSocket&) = delete;
   CSocket& operator=(const CSocket&) = delete;
@@ -52,16 +55,23 @@ class CSocket {
   void Connect(const char* host, int port);  // throws 708, 703, 702
   void Connect(const CStr& host, int port) { Connect(host.c_str(), port); }
   void Flush(int n);
-  int GetBufFree() const;
+  int GetBufFree() const;  // bytes received and not yet handed out
   int Getc();
   char* Gets(char* buf, unsigned int size) { return GetUntil(buf, size, '\n', false); }
+  // One whole line of any length. At end of input the result is
+  // line.IsEmpty(): true with an empty line when nothing was read.
   bool Gets(CStr& line);
   int GetTimeOut() const { return TimeOut; }
+  // NULL once input has ended (or for size 0); otherwise a possibly partial
+  // line: a -1 from Getc (end of input or byte 0xFF) ends it early.
   char* GetUntil(char* buf, unsigned int size, char delim, bool dropDelim);
   int Puts(const char* s);
   int Puts(const CStr& s);
   int Read(void* buf, int n);
+  // Resizes the input buffer, keeping unread bytes that fit; the old buffer
+  // is freed. False for 0 or when the memory can't be had.
   bool SetBuf(unsigned int size);
+  // Takes effect at the next wait; a negative value waits without limit.
   void SetTimeOut(int seconds);
   int Write(const void* buf, int n);
   bool IsEof() const { return Eof; }
@@ -77,6 +87,12 @@ class CSocket {
   void FillInBuf();
   bool GetHost(const char* host, unsigned* addr);
   void Init(PlSocket sock);
+  bool StartTls(SSL_CTX* ctx);
+  void Release();
+  // A failed plain receive leaves InBufLen all-ones. It is not end of input,
+  // but it holds no bytes either: these treat it as an empty buffer.
+  bool RecvFailed() const { return InBufLen > InBufSize; }
+  unsigned Unread() const { return RecvFailed() || InBufPtr > InBufLen ? 0 : InBufLen - InBufPtr; }
 };
 
 #endif

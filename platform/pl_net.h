@@ -9,25 +9,46 @@ const PlSocket PL_NO_SOCKET = ~0ULL;
 
 bool PlNetStartup();  // socket layer up (WinSock 2.0 on Windows)
 void PlNetCleanup();
+// Makes a write to a peer that has gone away fail with an error instead of
+// ending the process (POSIX raises SIGPIPE; it is ignored from then on, and
+// child processes inherit that). Called by PlNetStartup and by every call
+// below that creates a socket; harmless to call again.
+void PlNetNoSigPipe();
 
+// Sockets are created close-on-exec, so child processes never hold a
+// connection open.
 PlSocket PlSockTcp();  // PL_NO_SOCKET on failure
+// Allows rebinding a port still in TIME_WAIT, never sharing a port that
+// another socket is listening on.
 bool PlSockBind(PlSocket s, unsigned addrHostOrder, unsigned short port);
 bool PlSockListen(PlSocket s, int backlog);
 // Blocks for the next connection; PL_NO_SOCKET once the listener is closed.
+// Failures that concern one connection only are retried.
 PlSocket PlSockAccept(PlSocket s, unsigned* remoteAddr, unsigned short* remotePort);
 bool PlSockLocalAddr(PlSocket s, unsigned* addr, unsigned short* port);
 bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port);
-// Waits until the socket is readable: 1 ready, 0 time-out, -1 error.
+// Waits until the socket is readable (data, end of input or an error):
+// 1 ready, 0 time-out, -1 error. A negative time-out waits without limit.
 int PlSockWaitReadable(PlSocket s, int timeoutSec);
+// Time-out of the blocking receive itself (0: none). Used where the wait
+// above can't be, e.g. under a TLS library that receives on its own.
+bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec);
 int PlSockSend(PlSocket s, const void* buf, int n);  // -1 on failure
 int PlSockRecv(PlSocket s, void* buf, int n);        // -1 on failure, 0 at end
 void PlSockShutdownSend(PlSocket s);
+// Closes the socket; a listening socket's blocked accept returns first.
 void PlSockClose(PlSocket s);
-// Resolves a dotted address (looked up by address) or a host name (by name),
-// in the order of the classic resolver calls. False when nothing is found.
+// Resolves a dotted address (taken by address) or a host name (looked up by
+// name, IPv4 only). An all-ones "255.255.255.255" counts as a name, as with
+// the classic resolver. False when nothing is found.
 bool PlResolveHost(const char* host, unsigned* addr);
 bool PlGetHostName(char* buf, int size);
 unsigned PlHtonl(unsigned v);
 unsigned PlNtohl(unsigned v);
+
+// Text of the calling thread's last system error (errno on POSIX,
+// GetLastError on Windows), at most size - 1 characters. Empty when the
+// system has no text for it.
+void PlLastErrorText(char* buf, int size);
 
 #endif

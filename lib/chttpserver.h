@@ -1,0 +1,271 @@
+// CHttpServer: the small thread-per-connection HTTP/1.1 server that serves
+// the player's browser control from a home directory, plus its records: the
+// registered objects, the connection record, the request arguments (CCgi),
+// error replies and MIME types. One request is served per connection.
+#ifndef LUMETTA_CHTTPSERVER_H
+#define LUMETTA_CHTTPSERVER_H
+
+#include <ctime>
+
+#include "cerror.h"
+#include "clog.h"
+#include "cmem.h"
+#include "csocket.h"
+#include "cstr.h"
+#include "pl_net.h"
+#include "pl_thread.h"
+
+class CHttpServer;
+struct HTTPS_CLIENT;
+
+// Engine callback: func(__https_obj* object, HTTPS_CLIENT* client). It writes
+// the whole reply itself; the server ignores the result and closes.
+typedef bool (*CGI_ENG_FUNC)(void* object, void* client);
+
+// One error reply: the status text after "HTTP/1.1 " and an optional page
+// (relative to the home directory) sent in place of the bare status line.
+struct HTTPS_ERRMSG {
+  CStr Message;
+  CStr Url;
+};
+
+// One media type and the extensions that map to it.
+class CMime {
+ public:
+  CStr Type;
+  CList<CStr> ExtList;
+
+  void AddExt(const char* ext) { *ExtList.Add() = ext; }
+  void AddExt(CStr& ext) { *ExtList.Add() = ext; }
+};
+
+// One request argument (name and value, the value possibly binary).
+struct __cgi_arg {
+  __cgi_arg* Next;
+  CStr Label;
+  CStr Val;
+};
+typedef __cgi_arg CGI_ARG;
+
+// The arguments of one request in arrival order, plus the raw query or body.
+class CCgi {
+ public:
+  CGI_ARG* Args;
+  CStr ArgsRaw;
+
+  CCgi();
+  ~CCgi();
+  CCgi(const CCgi&) = delete;
+  CCgi& operator=(const CCgi&) = delete;
+
+  CGI_ARG* ArgsAdd(char* label, char* value);  // value is URL-decoded
+  CGI_ARG* ArgsAddBin(char* label, char* data, int length);
+  int ArgsCount();
+  void ArgsDelete();
+
+ private:
+  int TotArgs;
+  CGI_ARG* LastArg;
+};
+
+// Kinds of registered objects (__https_obj::Type, one bit each).
+enum {
+  HTTPS_OBJ_ENGINE = 1,
+  HTTPS_OBJ_VDIR = 2,
+  HTTPS_OBJ_VFILE = 4,
+  HTTPS_OBJ_EXT = 8
+};
+// __https_obj::Flags bits.
+enum {
+  HTTPS_OBJF_ENABLED = 1,
+  HTTPS_OBJF_CGI = 2,
+  HTTPS_OBJF_BROWSE = 4,
+  HTTPS_OBJF_PASSWORD = 8
+};
+
+// One registered object: engine, virtual directory, virtual file or
+// extension handler. Owned by CHttpServer::ObjList.
+struct __https_obj {
+  __https_obj* Next;
+  CStr Alias;
+  CStr Args;
+  CStr Path;
+  CStr Password;
+  CStr User;
+  CGI_ENG_FUNC Func;
+  int Type;
+  int Flags;
+};
+
+// Per-request flag bits (HTTPS_CLIENT::Flags).
+enum { HTTPS_CLIENTF_KEEPALIVE = 1 };
+
+// One connection and its parsed request; owned by the connection thread.
+struct HTTPS_CLIENT {
+  CCgi* Cgi;
+  CHttpServer* CHttpServerEx;
+  CSocket* Socket;
+  CStr AcceptLanguage;
+  CStr Arg;
+  CStr Host;
+  CStr Password;
+  CStr QueryStr;
+  CStr Referer;
+  CStr User;
+  int Flags;
+  int Method;
+  unsigned int Ip;       // network order
+  unsigned short Port;   // host order
+  unsigned int LocalIp;  // network order
+  CStr Boundary;
+  CStr ContentType;
+  CStr InAccept;
+  CStr InConnection;
+  CStr InCookies;
+  CStr InUserAgent;
+  int PostLen;
+  int PostType;
+  PlThread* Thread;  // not kept: the accepting thread releases the handle at once
+  unsigned long ThreadID;
+  time_t ModifiedTm;
+};
+
+class CHttpServer {
+ public:
+  enum HTTPS_MET {
+    HTTPS_MET_NONE = 0,
+    HTTPS_MET_GET = 1,
+    HTTPS_MET_POST = 2,
+    HTTPS_MET_UNK = 3
+  } HTTPS_MET;
+  enum HTTPS_POSTENC {
+    HTTPS_POSTENC_NONE = 0,
+    HTTPS_POSTENC_MULTIPART = 1,
+    HTTPS_POSTENC_WWWFORM = 2
+  } HTTPS_POSTENC;
+
+  CList<CMime>* MimeList;
+  CList<__https_obj>* ObjList;
+  bool RedirEnabled;
+  CStr RedirLocation;
+  CStr HostName;
+  CStr ServerName;
+  CStrList DefDocs;
+  int Id;
+  bool FreeLog;
+  CLog* Log;
+  bool SslEnabled;
+  CStr SslCertFile;
+  CStr SslKeyFile;
+  SSL_CTX* SslCtx;
+  HTTPS_ERRMSG ErrMsg401;
+  HTTPS_ERRMSG ErrMsg403;
+  HTTPS_ERRMSG ErrMsg404;
+  HTTPS_ERRMSG ErrMsg400;
+  HTTPS_ERRMSG ErrMsg405;
+  HTTPS_ERRMSG ErrMsg411;
+  HTTPS_ERRMSG ErrMsg413;
+  HTTPS_ERRMSG ErrMsg500;
+  time_t CacheExpire;
+  CGI_ENG_FUNC OnCgi;
+  bool (*OnConnect)(int localAddr, int remoteAddr, int remotePort);
+  bool (*OnError)(HTTPS_CLIENT* client, const HTTPS_ERRMSG* err, const char* info, int code);
+  bool (*OnExpandPath)(CStr& path);
+  bool (*OnRequest)(HTTPS_CLIENT* client);
+  void (*OnSslError)(HTTPS_CLIENT* client, int code);
+
+ private:
+  bool IsAccepting;
+  bool IsListening;
+  CStr HomeDir;
+  CStr DirCss;
+  int MaxConn;
+  PlSocket ListeningSock;
+  unsigned int ListeningAddr;  // host order
+  unsigned short Port;
+  int MaxPostLen;
+  PlThread* AcceptingThread;
+  unsigned long AcceptingThreadID;
+
+ public:
+  // Life cycle.
+  CHttpServer();
+  explicit CHttpServer(CLog* log);
+  ~CHttpServer();
+  CHttpServer(const CHttpServer&) = delete;
+  CHttpServer& operator=(const CHttpServer&) = delete;
+  void Init();
+  void Start();  // throws 303, 302, or the TLS codes 304-306
+  bool StartListening();
+  bool StartAccepting();
+  bool StopListening();
+  static unsigned int StartAcceptingEx(void* server);
+  static unsigned int ClientEx(void* client);
+
+  // Registry.
+  __https_obj* EngsAdd(const char* name, CGI_ENG_FUNC func, int flags);
+  __https_obj* Vadd(const char* alias, const char* path, const char* args, int type, int flags);
+  __https_obj* VdirAdd(const char* alias, const char* path, int flags);
+  __https_obj* VdirAdd(CStr alias, CStr path, int flags);
+  __https_obj* VfileAdd(const char* alias, const char* path, int flags);
+  __https_obj* VfileAdd(CStr alias, CStr path, int flags);
+  __https_obj* VfileMapAdd(const char* ext, const char* path, const char* args, int flags);
+  __https_obj* VfileMapAdd(CStr ext, CStr path, CStr args, int flags);
+  __https_obj* ObjGet(int typeMask, const char* name);
+
+  // Access passwords and the check shared by the GET and POST paths.
+  void SetPassword(__https_obj* object, const char* user, const char* password);
+  void SetPassword(__https_obj* object, CStr& user, CStr& password);
+  void RemovePassword(__https_obj* object, const char* user, const char* password);
+  void RemovePassword(__https_obj* object, CStr& user, CStr& password);
+  // False when the request must stop (a reply has been sent).
+  bool CheckAccess(__https_obj* obj, HTTPS_CLIENT* client);
+
+  // Settings.
+  bool SetPortA(unsigned short port);
+  bool SetListeningAddr(unsigned int addr);
+  void SetMaxConn(int n);
+  void SetMaxPostLen(int n);
+  bool SetDir(CStr& field, CStr path);
+  bool SetHomeDir(const char* path);
+  bool SetHomeDir(CStr path);
+  void SetDirCss(const char* css);
+  const CStr& GetHomeDir() const { return HomeDir; }
+  const CStr& GetDirCss() const { return DirCss; }
+  unsigned int GetListeningAddr() const { return ListeningAddr; }
+  int GetMaxConn() const { return MaxConn; }
+  int GetMaxPostLen() const { return MaxPostLen; }
+  unsigned short GetPort() const { return Port; }
+  const char* GetMethodStr(int method);
+
+  // Request arguments and GET dispatch.
+  bool ParseArgs(__https_obj*& object, HTTPS_CLIENT* client, int typeMask);
+  void Get(HTTPS_CLIENT* client);
+
+  // Directory listing.
+  CStrList* DirLoad(const char* dir);
+  static int DirSortFunc(const void* a, const void* b);
+  void DirList(HTTPS_CLIENT* client, const char* url, const char* dir);
+
+  // TLS.
+  static bool OpenSSLInit();
+  SSL_CTX* OpenSSLCreateCtx();
+
+  // Writers and helpers.
+  bool PrintLog(unsigned int ip, const char* format, ...);
+  bool SendHeader(HTTPS_CLIENT* client, int len, const char* type, const char* filename,
+                  long long mtime, int flags);
+  bool SendFile(HTTPS_CLIENT* client, const char* path);
+  bool SendReply(HTTPS_CLIENT* client, char* buf, int len);
+  bool SendMoved(CSocket* sock, CStr& url);
+  bool SendNotModified(CSocket* sock);
+  bool SendAuthenticate(CSocket* sock, CStr& realm);
+  void SendError(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* info, int flags);
+  void SendError(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* info);
+  const char* GetMimeType(CStr& ext);
+  static const char* Time(long long* now);
+  static char* MemStr(char* buf, int len, char* pat);
+  static char* StrTok(char* text, const char* delims, char** save);
+};
+
+#endif

@@ -1,0 +1,222 @@
+#include "pl_net.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <mutex>
+
+#include "pl_thread.h"
+
+static int Fd(PlSocket s) { return s == PL_NO_SOCKET ? -1 : static_cast<int>(s); }
+
+bool PlNetStartup() {
+  PlNetNoSigPipe();
+  return true;
+}
+
+void PlNetCleanup() {}
+
+void PlNetNoSigPipe() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    // An owner that installed its own handler keeps it.
+    struct sigaction old;
+    if (sigaction(SIGPIPE, nullptr, &old) == 0 && old.sa_handler == SIG_DFL) signal(SIGPIPE, SIG_IGN);
+  });
+}
+
+// Replies are written in several small pieces (header, then body); without
+// this the second piece can wait for the peer's delayed acknowledgement.
+static void NoDelay(int fd) {
+  int on = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+PlSocket PlSockTcp() {
+  PlNetNoSigPipe();
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  return fd < 0 ? PL_NO_SOCKET : static_cast<PlSocket>(fd);
+}
+
+bool PlSockBind(PlSocket s, unsigned addrHostOrder, unsigned short port) {
+  int on = 1;
+  setsockopt(Fd(s), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(port);
+  sa.sin_addr.s_addr = htonl(addrHostOrder);
+  return bind(Fd(s), reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0;
+}
+
+bool PlSockListen(PlSocket s, int backlog) { return listen(Fd(s), backlog) == 0; }
+
+// True for the accept errors that mean the listener itself is gone.
+static bool ListenerGone(int err) {
+  return err == EBADF || err == EINVAL || err == ENOTSOCK || err == EOPNOTSUPP;
+}
+
+static bool OutOfResources(int err) {
+  return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM;
+}
+
+PlSocket PlSockAccept(PlSocket s, unsigned* remoteAddr, unsigned short* remotePort) {
+  PlNetNoSigPipe();
+  for (;;) {
+    sockaddr_in sa;
+    socklen_t len = sizeof sa;
+    int fd = accept4(Fd(s), reinterpret_cast<sockaddr*>(&sa), &len, SOCK_CLOEXEC);
+    if (fd >= 0) {
+      NoDelay(fd);
+      if (remoteAddr) *remoteAddr = sa.sin_addr.s_addr;
+      if (remotePort) *remotePort = ntohs(sa.sin_port);
+      return static_cast<PlSocket>(fd);
+    }
+    int err = errno;
+    if (ListenerGone(err)) return PL_NO_SOCKET;
+    // Out of descriptors: give running connections time to end rather than
+    // spinning; anything else concerned the one aborted connection.
+    if (OutOfResources(err)) PlSleepMs(50);
+  }
+}
+
+bool PlSockLocalAddr(PlSocket s, unsigned* addr, unsigned short* port) {
+  sockaddr_in sa;
+  socklen_t len = sizeof sa;
+  if (getsockname(Fd(s), reinterpret_cast<sockaddr*>(&sa), &len) != 0) return false;
+  if (addr) *addr = sa.sin_addr.s_addr;
+  if (port) *port = ntohs(sa.sin_port);
+  return true;
+}
+
+bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port) {
+  sockaddr_in sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(port);
+  sa.sin_addr.s_addr = addr;
+  if (connect(Fd(s), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) return false;
+  NoDelay(Fd(s));
+  return true;
+}
+
+// poll, not select: select can't watch descriptors above FD_SETSIZE and the
+// server may hold more connections than that.
+int PlSockWaitReadable(PlSocket s, int timeoutSec) {
+  if (s == PL_NO_SOCKET) return -1;
+  const bool forever = timeoutSec < 0;
+  const long long limitMs = forever ? 0 : static_cast<long long>(timeoutSec) * 1000;
+  const uint64_t start = PlMonotonicMs();
+  for (;;) {
+    int waitMs = -1;
+    if (!forever) {
+      long long left = limitMs - static_cast<long long>(PlMonotonicMs() - start);
+      if (left < 0) left = 0;
+      waitMs = left > INT_MAX ? INT_MAX : static_cast<int>(left);
+    }
+    pollfd p;
+    p.fd = Fd(s);
+    p.events = POLLIN;
+    p.revents = 0;
+    int r = poll(&p, 1, waitMs);
+    if (r > 0) return 1;
+    if (r == 0) {
+      if (!forever && waitMs == INT_MAX) continue;  // only a slice of a very long wait
+      return 0;
+    }
+    if (errno != EINTR) return -1;
+  }
+}
+
+bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {
+  timeval tv;
+  tv.tv_sec = timeoutSec > 0 ? timeoutSec : 0;
+  tv.tv_usec = 0;
+  return setsockopt(Fd(s), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
+}
+
+int PlSockSend(PlSocket s, const void* buf, int n) {
+  if (n < 0) return -1;
+  for (;;) {
+    // MSG_NOSIGNAL: a closed peer gives EPIPE, never SIGPIPE.
+    ssize_t r = send(Fd(s), buf, static_cast<size_t>(n), MSG_NOSIGNAL);
+    if (r >= 0) return static_cast<int>(r);
+    if (errno != EINTR) return -1;
+  }
+}
+
+int PlSockRecv(PlSocket s, void* buf, int n) {
+  if (n < 0) return -1;
+  for (;;) {
+    ssize_t r = recv(Fd(s), buf, static_cast<size_t>(n), 0);
+    if (r >= 0) return static_cast<int>(r);
+    if (errno != EINTR) return -1;
+  }
+}
+
+void PlSockShutdownSend(PlSocket s) { shutdown(Fd(s), SHUT_WR); }
+
+void PlSockClose(PlSocket s) {
+  if (s == PL_NO_SOCKET) return;
+  // Closing a listening descriptor does not wake a thread blocked in accept
+  // on Linux; shutting it down does.
+  int listening = 0;
+  socklen_t len = sizeof listening;
+  if (getsockopt(Fd(s), SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) == 0 && listening)
+    shutdown(Fd(s), SHUT_RDWR);
+  close(Fd(s));  // not retried on EINTR: the descriptor is gone either way
+}
+
+bool PlResolveHost(const char* host, unsigned* addr) {
+  if (!host || !addr) return false;
+  in_addr_t a = inet_addr(host);
+  if (a != INADDR_NONE) {
+    // A dotted address stands for itself; a reverse lookup would only add a
+    // delay and fail for addresses without a name.
+    *addr = a;
+    return true;
+  }
+  addrinfo hints;
+  memset(&hints, 0, sizeof hints);
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* res = nullptr;
+  if (getaddrinfo(host, nullptr, &hints, &res) != 0 || !res) return false;
+  *addr = reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr.s_addr;
+  freeaddrinfo(res);
+  return true;
+}
+
+bool PlGetHostName(char* buf, int size) {
+  if (!buf || size < 1) return false;
+  if (gethostname(buf, static_cast<size_t>(size)) != 0) return false;
+  buf[size - 1] = 0;
+  return true;
+}
+
+unsigned PlHtonl(unsigned v) { return htonl(v); }
+unsigned PlNtohl(unsigned v) { return ntohl(v); }
+
+// strerror_r comes in two flavours (GNU returns the text, XSI fills buf).
+[[maybe_unused]] static const char* ErrorText(const char* gnuResult, const char*) { return gnuResult; }
+[[maybe_unused]] static const char* ErrorText(int xsiResult, const char* buf) { return xsiResult == 0 ? buf : ""; }
+
+void PlLastErrorText(char* buf, int size) {
+  const int err = errno;
+  if (!buf || size < 1) return;
+  char tmp[256];
+  tmp[0] = 0;
+  snprintf(buf, static_cast<size_t>(size), "%s", ErrorText(strerror_r(err, tmp, sizeof tmp), tmp));
+}

@@ -1,0 +1,171 @@
+#include "pl_net.h"
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <windows.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "pl_thread.h"
+
+static SOCKET Sock(PlSocket s) { return static_cast<SOCKET>(s); }
+
+bool PlNetStartup() {
+  WSADATA data;
+  return WSAStartup(MAKEWORD(2, 0), &data) == 0;
+}
+
+void PlNetCleanup() { WSACleanup(); }
+
+void PlNetNoSigPipe() {}  // Windows has no SIGPIPE: a failed send just reports an error
+
+// Replies are written in several small pieces (header, then body); without
+// this the second piece can wait for the peer's delayed acknowledgement.
+static void NoDelay(SOCKET s) {
+  BOOL on = TRUE;
+  setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
+}
+
+PlSocket PlSockTcp() {
+  // Not inheritable: child processes must never hold a connection open.
+  SOCKET s = WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_NO_HANDLE_INHERIT);
+  return s == INVALID_SOCKET ? PL_NO_SOCKET : static_cast<PlSocket>(s);
+}
+
+bool PlSockBind(PlSocket s, unsigned addrHostOrder, unsigned short port) {
+  // Exclusive use: on Windows a shared address would let a second server
+  // take over a port that is already being listened on.
+  BOOL on = TRUE;
+  setsockopt(Sock(s), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on), sizeof on);
+  sockaddr_in sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(port);
+  sa.sin_addr.s_addr = htonl(addrHostOrder);
+  return bind(Sock(s), reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0;
+}
+
+bool PlSockListen(PlSocket s, int backlog) { return listen(Sock(s), backlog) == 0; }
+
+static bool ListenerGone(int err) {
+  return err == WSAENOTSOCK || err == WSAEINVAL || err == WSAEINTR || err == WSAEOPNOTSUPP ||
+         err == WSANOTINITIALISED;
+}
+
+PlSocket PlSockAccept(PlSocket s, unsigned* remoteAddr, unsigned short* remotePort) {
+  for (;;) {
+    sockaddr_in sa;
+    int len = sizeof sa;
+    SOCKET c = accept(Sock(s), reinterpret_cast<sockaddr*>(&sa), &len);
+    if (c != INVALID_SOCKET) {
+      SetHandleInformation(reinterpret_cast<HANDLE>(c), HANDLE_FLAG_INHERIT, 0);
+      NoDelay(c);
+      if (remoteAddr) *remoteAddr = sa.sin_addr.s_addr;
+      if (remotePort) *remotePort = ntohs(sa.sin_port);
+      return static_cast<PlSocket>(c);
+    }
+    int err = WSAGetLastError();
+    if (ListenerGone(err)) return PL_NO_SOCKET;
+    if (err == WSAEMFILE || err == WSAENOBUFS) Sleep(50);
+  }
+}
+
+bool PlSockLocalAddr(PlSocket s, unsigned* addr, unsigned short* port) {
+  sockaddr_in sa;
+  int len = sizeof sa;
+  if (getsockname(Sock(s), reinterpret_cast<sockaddr*>(&sa), &len) != 0) return false;
+  if (addr) *addr = sa.sin_addr.s_addr;
+  if (port) *port = ntohs(sa.sin_port);
+  return true;
+}
+
+bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port) {
+  sockaddr_in sa;
+  memset(&sa, 0, sizeof sa);
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(port);
+  sa.sin_addr.s_addr = addr;
+  if (connect(Sock(s), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) return false;
+  NoDelay(Sock(s));
+  return true;
+}
+
+// select has no descriptor-value limit on Windows (the set is a list).
+int PlSockWaitReadable(PlSocket s, int timeoutSec) {
+  if (s == PL_NO_SOCKET) return -1;
+  fd_set set;
+  FD_ZERO(&set);
+  FD_SET(Sock(s), &set);
+  timeval tv;
+  tv.tv_sec = timeoutSec;
+  tv.tv_usec = 0;
+  int r = select(0, &set, nullptr, nullptr, timeoutSec < 0 ? nullptr : &tv);
+  if (r == SOCKET_ERROR) return -1;
+  return r > 0 ? 1 : 0;
+}
+
+bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {
+  DWORD ms = timeoutSec > 0 ? static_cast<DWORD>(timeoutSec) * 1000u : 0u;
+  return setsockopt(Sock(s), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&ms), sizeof ms) == 0;
+}
+
+int PlSockSend(PlSocket s, const void* buf, int n) {
+  if (n < 0) return -1;
+  int r = send(Sock(s), static_cast<const char*>(buf), n, 0);
+  return r == SOCKET_ERROR ? -1 : r;
+}
+
+int PlSockRecv(PlSocket s, void* buf, int n) {
+  if (n < 0) return -1;
+  int r = recv(Sock(s), static_cast<char*>(buf), n, 0);
+  return r == SOCKET_ERROR ? -1 : r;
+}
+
+void PlSockShutdownSend(PlSocket s) { shutdown(Sock(s), SD_SEND); }
+
+void PlSockClose(PlSocket s) {
+  if (s != PL_NO_SOCKET) closesocket(Sock(s));  // also ends a blocked accept
+}
+
+bool PlResolveHost(const char* host, unsigned* addr) {
+  if (!host || !addr) return false;
+  unsigned long a = inet_addr(host);
+  if (a != INADDR_NONE) {
+    // A dotted address stands for itself; a reverse lookup would only add a
+    // delay and fail for addresses without a name.
+    *addr = static_cast<unsigned>(a);
+    return true;
+  }
+  addrinfo hints;
+  memset(&hints, 0, sizeof hints);
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* res = nullptr;
+  if (getaddrinfo(host, nullptr, &hints, &res) != 0 || !res) return false;
+  *addr = reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr.s_addr;
+  freeaddrinfo(res);
+  return true;
+}
+
+bool PlGetHostName(char* buf, int size) {
+  if (!buf || size < 1) return false;
+  if (gethostname(buf, size) != 0) return false;
+  buf[size - 1] = 0;
+  return true;
+}
+
+unsigned PlHtonl(unsigned v) { return htonl(v); }
+unsigned PlNtohl(unsigned v) { return ntohl(v); }
+
+void PlLastErrorText(char* buf, int size) {
+  const DWORD err = GetLastError();
+  if (!buf || size < 1) return;
+  buf[0] = 0;
+  char* text = nullptr;
+  DWORD n = FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM, nullptr, err,
+                           MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<char*>(&text), 255,
+                           nullptr);
+  if (n && text) snprintf(buf, static_cast<size_t>(size), "%s", text);
+  if (text) LocalFree(text);
+}
