@@ -186,6 +186,22 @@ class CHttpServer {
   int MaxPostLen;
   PlThread* AcceptingThread;
   unsigned long AcceptingThreadID;
+  // Book-keeping of live connection threads, so that the destructor can wake
+  // and wait for them instead of leaving them with a dangling server.
+  struct LiveClients* Live;
+
+  void AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short remotePort);
+  void DrainClients();
+  void ClientBegin(HTTPS_CLIENT* client);
+  void ClientSocketClosing(HTTPS_CLIENT* client);
+  void ClientEnd();
+  void ServeRequest(HTTPS_CLIENT* client);
+  bool ReadRequest(HTTPS_CLIENT* client);
+  void ParseHeader(HTTPS_CLIENT* client, char* line);
+  void ParseContentType(HTTPS_CLIENT* client, char* save);
+  void DispatchPost(HTTPS_CLIENT* client);
+  bool WriteAll(CSocket* sock, const char* buf, int len);
+  void SendErrorPage(HTTPS_CLIENT* client, HTTPS_ERRMSG& err);
 
  public:
   // Life cycle.

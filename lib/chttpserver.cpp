@@ -1,0 +1,339 @@
+// CHttpServer: object set-up, registry, settings, listening and the
+// accepting thread.
+#include "chttpserver.h"
+
+#include <atomic>
+#include <climits>
+#include <condition_variable>
+#include <mutex>
+#include <unordered_set>
+
+#include "pl_fs.h"
+#include "pl_sendfile.h"
+
+namespace {
+
+// Distinguishes server objects in log lines.
+std::atomic<int> NextServerId{0};
+
+// Connection threads need little stack: line and header buffers of 1 KiB and
+// the engines' own frames. A small stack keeps thousands of idle
+// connections cheap in address space and start-up cost.
+const size_t kClientStackSize = 256 * 1024;
+
+// How long the destructor waits for connection threads it has woken.
+const unsigned kClientDrainMs = 5000;
+
+}  // namespace
+
+// Live connection threads of one server: their sockets (to wake them) and
+// their number (to wait for them). Touched once at the start and twice at
+// the end of each connection, never in between.
+struct LiveClients {
+  std::mutex Lock;
+  std::condition_variable Done;
+  std::unordered_set<PlSocket> Sockets;
+  int Count = 0;
+  std::atomic<bool> Stopping{false};
+};
+
+CHttpServer::CHttpServer() : Log(nullptr) { Init(); }
+
+CHttpServer::CHttpServer(CLog* log) : Log(log) { Init(); }
+
+void CHttpServer::Init() {
+  MimeList = new CList<CMime>;
+  ObjList = new CList<__https_obj>;
+  RedirEnabled = false;
+  char host[256] = {0};
+  if (!PlGetHostName(host, sizeof host)) host[0] = 0;
+  HostName = host;
+  // The machine name follows the host with no separator: callers rely on it.
+  RedirLocation = "https://localhost";
+  RedirLocation += HostName;
+  ServerName = "CHttpServer";
+  Id = NextServerId.fetch_add(1);
+  FreeLog = Log == nullptr;
+  if (!Log) {
+    Log = new CLog;
+    Log->LogLevel = 0;
+  }
+  SslEnabled = false;
+  SslCtx = nullptr;
+  ErrMsg401.Message = "401 Authorization Required";
+  ErrMsg403.Message = "403 Forbidden";
+  ErrMsg404.Message = "404 Not Found";
+  // The 400 record deliberately has no text: a POST without a path gets a
+  // bare "HTTP/1.1 " line.
+  ErrMsg400.Message.Empty();
+  ErrMsg405.Message = "405 Method Not Allowed";
+  ErrMsg411.Message = "411 Length Required";
+  ErrMsg413.Message = "413 Request Entity Too Large";
+  ErrMsg500.Message = "500 Internal Server Error";
+  CacheExpire = 18000;
+  OnCgi = nullptr;
+  OnConnect = nullptr;
+  OnError = nullptr;
+  OnExpandPath = nullptr;
+  OnRequest = nullptr;
+  OnSslError = nullptr;
+  IsAccepting = false;
+  IsListening = false;
+  HomeDir = PlRootDir();
+  DirCss.Empty();
+  MaxConn = INT_MAX;
+  ListeningSock = PL_NO_SOCKET;
+  ListeningAddr = 0;
+  Port = 80;
+  MaxPostLen = 4096;
+  AcceptingThread = nullptr;
+  AcceptingThreadID = 0;
+  Live = new LiveClients;
+}
+
+CHttpServer::~CHttpServer() {
+  StopListening();
+  DrainClients();
+  if (SslCtx && OpenSsl.SSL_CTX_free) OpenSsl.SSL_CTX_free(SslCtx);
+  delete MimeList;
+  delete ObjList;
+  if (FreeLog) delete Log;
+  delete Live;
+}
+
+// Wakes every connection thread (their socket operations fail at once) and
+// waits a bounded time for them to finish with this object.
+void CHttpServer::DrainClients() {
+  std::unique_lock<std::mutex> g(Live->Lock);
+  for (PlSocket s : Live->Sockets) PlSockShutdownBoth(s);
+  Live->Done.wait_for(g, std::chrono::milliseconds(kClientDrainMs),
+                      [this] { return Live->Count == 0; });
+}
+
+void CHttpServer::ClientBegin(HTTPS_CLIENT* client) {
+  std::lock_guard<std::mutex> g(Live->Lock);
+  Live->Sockets.insert(client->Socket->Socket);
+  Live->Count++;
+}
+
+// Called before the socket is closed, so that a reused descriptor number
+// is never shut down by DrainClients.
+void CHttpServer::ClientSocketClosing(HTTPS_CLIENT* client) {
+  std::lock_guard<std::mutex> g(Live->Lock);
+  Live->Sockets.erase(client->Socket->Socket);
+}
+
+// The connection's last touch of the server.
+void CHttpServer::ClientEnd() {
+  std::lock_guard<std::mutex> g(Live->Lock);
+  if (--Live->Count == 0) Live->Done.notify_all();
+}
+
+// ---------------------------------------------------------------- registry
+
+__https_obj* CHttpServer::EngsAdd(const char* name, CGI_ENG_FUNC func, int flags) {
+  __https_obj* obj = ObjList->Add();
+  obj->Next = nullptr;
+  obj->Alias = name;
+  obj->Func = func;
+  obj->Flags = flags;
+  obj->Type = HTTPS_OBJ_ENGINE;
+  return obj;
+}
+
+__https_obj* CHttpServer::Vadd(const char* alias, const char* path, const char* args, int type,
+                               int flags) {
+  if (!alias || !path) return nullptr;
+  __https_obj* obj = ObjList->Add();
+  obj->Next = nullptr;
+  obj->Flags = flags;
+  obj->Path = path;
+  obj->Type = type;
+  if (args) {
+    obj->Args = args;
+    if (OnExpandPath) OnExpandPath(obj->Args);
+  }
+  if (OnExpandPath) OnExpandPath(obj->Path);
+  obj->Path.NativePath();
+  obj->Path.PathSimplify(PL_PATH_SEP);
+  // A target that does not exist leaves the object in the list without an
+  // alias, so it can never match; callers only see the null result.
+  bool exists = (type == HTTPS_OBJ_VDIR) ? obj->Path.DirExist()
+                : (type == HTTPS_OBJ_VFILE || type == HTTPS_OBJ_EXT) ? obj->Path.FileExist()
+                : true;
+  if (!exists) return nullptr;
+  obj->Alias = alias;
+  obj->Alias.PathSimplify('/');
+  return obj;
+}
+
+__https_obj* CHttpServer::VdirAdd(const char* alias, const char* path, int flags) {
+  return Vadd(alias, path, nullptr, HTTPS_OBJ_VDIR, flags);
+}
+
+__https_obj* CHttpServer::VdirAdd(CStr alias, CStr path, int flags) {
+  return Vadd(alias.c_str(), path.c_str(), nullptr, HTTPS_OBJ_VDIR, flags);
+}
+
+__https_obj* CHttpServer::VfileAdd(const char* alias, const char* path, int flags) {
+  return Vadd(alias, path, nullptr, HTTPS_OBJ_VFILE, flags);
+}
+
+__https_obj* CHttpServer::VfileAdd(CStr alias, CStr path, int flags) {
+  return Vadd(alias.c_str(), path.c_str(), nullptr, HTTPS_OBJ_VFILE, flags);
+}
+
+__https_obj* CHttpServer::VfileMapAdd(const char* ext, const char* path, const char* args,
+                                      int flags) {
+  return Vadd(ext, path, args, HTTPS_OBJ_EXT, flags);
+}
+
+__https_obj* CHttpServer::VfileMapAdd(CStr ext, CStr path, CStr args, int flags) {
+  return Vadd(ext.c_str(), path.c_str(), args.IsEmpty() ? nullptr : args.c_str(), HTTPS_OBJ_EXT,
+              flags);
+}
+
+// ---------------------------------------------------------------- settings
+
+bool CHttpServer::SetPortA(unsigned short port) {
+  if (IsListening || port == 0) return false;
+  Port = port;
+  return true;
+}
+
+bool CHttpServer::SetListeningAddr(unsigned int addr) {
+  if (IsListening) return false;
+  ListeningAddr = addr;
+  return true;
+}
+
+void CHttpServer::SetMaxConn(int n) {
+  if (n >= 0) MaxConn = n;
+}
+
+void CHttpServer::SetMaxPostLen(int n) {
+  if (n > 0) MaxPostLen = n;
+}
+
+bool CHttpServer::SetDir(CStr& field, CStr path) {
+  path.NativePath();
+  if (!path.DirExist()) return false;
+  field = path;
+  return true;
+}
+
+bool CHttpServer::SetHomeDir(const char* path) { return SetDir(HomeDir, CStr(path)); }
+
+bool CHttpServer::SetHomeDir(CStr path) { return SetDir(HomeDir, path); }
+
+void CHttpServer::SetDirCss(const char* css) { DirCss = css; }
+
+// ------------------------------------------------------- listening, accepting
+
+void CHttpServer::Start() {
+  SslCtx = OpenSSLCreateCtx();
+  if (!StartListening()) throw (int)CERR_HTTPSRV_LISTEN;
+  if (!StartAccepting()) throw (int)CERR_HTTPSRV_THREAD;
+}
+
+bool CHttpServer::StartListening() {
+  if (IsListening) return true;
+  PlSocket s = PlSockTcp();
+  if (s == PL_NO_SOCKET) return false;
+  if (!PlSockBind(s, ListeningAddr, Port) || !PlSockListen(s, MaxConn)) {
+    PlSockClose(s);
+    IsListening = false;
+    return false;
+  }
+  ListeningSock = s;
+  IsListening = true;
+  return true;
+}
+
+bool CHttpServer::StartAccepting() {
+  if (IsAccepting) return true;
+  if (!IsListening) return false;
+  Live->Stopping = false;
+  AcceptingThread = PlThreadStart(StartAcceptingEx, this, 0);
+  IsAccepting = AcceptingThread != nullptr;
+  return IsAccepting;
+}
+
+bool CHttpServer::StopListening() {
+  if (!IsListening) return true;
+  Live->Stopping = true;
+  // Shut down first: on Linux a blocked accept only returns for that.
+  PlSockShutdownBoth(ListeningSock);
+  if (AcceptingThread) {
+    PlThreadWait(AcceptingThread, 1000);
+    PlThreadClose(AcceptingThread);
+    AcceptingThread = nullptr;
+  }
+  PlSockClose(ListeningSock);
+  ListeningSock = PL_NO_SOCKET;
+  IsListening = false;
+  // IsAccepting stays set: a later StartAccepting reports success without
+  // starting a thread, and callers depend on that.
+  return true;
+}
+
+unsigned int CHttpServer::StartAcceptingEx(void* arg) {
+  CHttpServer* srv = static_cast<CHttpServer*>(arg);
+  srv->AcceptingThreadID = PlThreadCurrentId();
+  const PlSocket listener = srv->ListeningSock;
+  for (;;) {
+    unsigned remoteAddr = 0;
+    unsigned short remotePort = 0;
+    PlSocket sock = PlSockAccept(listener, &remoteAddr, &remotePort);
+    if (sock == PL_NO_SOCKET) {
+      if (srv->Live->Stopping) break;
+      // Out of descriptors or an aborted handshake: the listener is still
+      // good, so pause briefly instead of giving up on every future client.
+      PlSleepMs(20);
+      continue;
+    }
+    srv->AcceptOne(sock, remoteAddr, remotePort);
+  }
+  return 0;
+}
+
+void CHttpServer::AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short remotePort) {
+  unsigned localAddr = 0;
+  unsigned short localPort = 0;
+  PlSockLocalAddr(sock, &localAddr, &localPort);
+  if (OnConnect && !OnConnect((int)localAddr, (int)remoteAddr, (int)remotePort)) {
+    PlSockShutdownSend(sock);
+    PlSockClose(sock);
+    return;
+  }
+  HTTPS_CLIENT* client = new HTTPS_CLIENT();
+  client->CHttpServerEx = this;
+  if (SslEnabled) {
+    try {
+      client->Socket = new CSocket(sock, SslCtx);
+    } catch (...) {
+      if (OnSslError) OnSslError(client, 1);
+      delete client;
+      return;
+    }
+  } else {
+    client->Socket = new CSocket(sock);
+    // Every reply is a few writes followed by a close: send each at once.
+    PlSockNoDelay(sock);
+  }
+  client->Ip = remoteAddr;
+  client->Port = remotePort;
+  client->LocalIp = localAddr;
+  ClientBegin(client);
+  PlThread* thread = PlThreadStart(ClientEx, client, kClientStackSize);
+  if (!thread) {
+    ClientSocketClosing(client);
+    delete client->Socket;
+    delete client;
+    ClientEnd();
+    return;
+  }
+  // The connection thread owns the client from here on and may already have
+  // freed it, so the handle is not stored there; release it now.
+  PlThreadClose(thread);
+}

@@ -1,0 +1,255 @@
+// CHttpServer: the connection thread. Reads exactly one request, fills the
+// HTTPS_CLIENT, applies hooks and redirect, dispatches, then closes.
+#include "chttpserver.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "pl_sendfile.h"
+
+namespace {
+
+const int kLineSize = 1024;
+const char kBlanks[] = "\n\r\t ";
+
+// The server subtracts this instead of a time-zone offset when it reads
+// If-Modified-Since; existing clients were tuned against it.
+const time_t kModifiedSinceCorrection = 1007298047;
+
+bool EqualsIC(const char* a, const char* b) {
+  for (; *a && *b; ++a, ++b)
+    if (tolower((unsigned char)*a) != tolower((unsigned char)*b)) return false;
+  return *a == *b;
+}
+
+// Value text that starts `skip` characters after the header's colon, or ""
+// when the line ends before that point.
+const char* HeaderRest(char* name, char* save, int skip) {
+  if (!save) return "";  // no colon: the name ran to the end of the line
+  char* p = name + strlen(name) + 1;  // just after the colon
+  for (int i = 1; i < skip; ++i, ++p)
+    if (!*p) return "";
+  return p;
+}
+
+time_t ParseModifiedSince(const char* value) {
+  static const char* const kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  int day = 0, year = 0, hour = 0, minute = 0, second = 0;
+  char month[5] = {0};
+  if (sscanf(value, "%*s %d %4s %d %d:%d:%d", &day, month, &year, &hour, &minute, &second) != 6)
+    return 0;
+  for (int m = 0; m < 12; ++m) {
+    if (strcmp(month, kMonths[m]) != 0) continue;
+    struct tm tm;
+    memset(&tm, 0, sizeof tm);
+    tm.tm_mday = day;
+    tm.tm_mon = m;
+    tm.tm_year = year - 1900;
+    tm.tm_hour = hour;
+    tm.tm_min = minute;
+    tm.tm_sec = second;
+    tm.tm_isdst = 0;
+    return mktime(&tm) - kModifiedSinceCorrection;
+  }
+  return 0;
+}
+
+}  // namespace
+
+char* CHttpServer::StrTok(char* text, const char* delims, char** save) {
+  char* p = text ? text : *save;
+  if (!p) return nullptr;
+  p += strspn(p, delims);
+  if (!*p) {
+    *save = nullptr;
+    return nullptr;
+  }
+  char* end = p + strcspn(p, delims);
+  if (*end) {
+    *end = 0;
+    *save = end + 1;
+  } else {
+    *save = nullptr;
+  }
+  return p;
+}
+
+unsigned int CHttpServer::ClientEx(void* arg) {
+  HTTPS_CLIENT* client = static_cast<HTTPS_CLIENT*>(arg);
+  CHttpServer* srv = client->CHttpServerEx;
+  client->ThreadID = PlThreadCurrentId();
+  // This thread is where everything thrown by an engine or the socket stops.
+  try {
+    srv->ServeRequest(client);
+  } catch (...) {
+  }
+  try {
+    PlSockShutdownSend(client->Socket->Socket);
+    delete client->Cgi;
+    client->Cgi = nullptr;
+    srv->ClientSocketClosing(client);
+    delete client->Socket;
+  } catch (...) {
+  }
+  delete client;
+  srv->ClientEnd();
+  return 0;
+}
+
+void CHttpServer::ServeRequest(HTTPS_CLIENT* client) {
+  client->Cgi = nullptr;
+  client->Flags = 0;
+  client->Method = HTTPS_MET_NONE;
+  client->ModifiedTm = 0;
+  client->PostType = HTTPS_POSTENC_NONE;
+  client->PostLen = 0;
+  if (!ReadRequest(client)) return;
+
+  if (OnRequest && !OnRequest(client)) return;
+  if (RedirEnabled && !client->Arg.IsEmpty()) {
+    CStr location = RedirLocation + client->Arg;
+    PrintLog(client->Ip, "Redirect from \"%s\" to \"%s\"", client->Arg.c_str(), location.c_str());
+    SendMoved(client->Socket, location);
+    return;
+  }
+  int q = client->Arg.FindChar('?');
+  if (q >= 0) {
+    client->QueryStr = client->Arg.Right(q + 1);
+    client->Arg = client->Arg.Left(q);
+  }
+  client->Arg.UrlDecode();
+
+  if (client->Method == HTTPS_MET_GET)
+    Get(client);
+  else if (client->Method == HTTPS_MET_POST)
+    DispatchPost(client);
+}
+
+// Request line and header block. False when the connection is to be closed
+// without going further (nothing usable, or a reply was already sent).
+bool CHttpServer::ReadRequest(HTTPS_CLIENT* client) {
+  char line[kLineSize];
+  while (client->Socket->Gets(line, sizeof line)) {
+    line[strcspn(line, "\r\n")] = 0;
+    if (!line[0]) break;
+    if (client->Method != HTTPS_MET_NONE) {
+      ParseHeader(client, line);
+      continue;
+    }
+    char* save = nullptr;
+    char* method = StrTok(line, " ", &save);
+    char* target = StrTok(nullptr, " ", &save);
+    if (!method || !target) return false;
+    client->Arg = target;
+    if (EqualsIC(method, "GET")) {
+      client->Method = HTTPS_MET_GET;
+    } else if (EqualsIC(method, "POST")) {
+      client->Method = HTTPS_MET_POST;
+    } else {
+      SendError(client, ErrMsg405, method);
+      return false;
+    }
+  }
+  return client->Method != HTTPS_MET_NONE;
+}
+
+void CHttpServer::ParseHeader(HTTPS_CLIENT* client, char* line) {
+  char* save = nullptr;
+  char* name = StrTok(line, ":", &save);
+  if (!name) return;
+  if (EqualsIC(name, "Authorization")) {
+    char* scheme = StrTok(nullptr, kBlanks, &save);
+    char* token = scheme && EqualsIC(scheme, "Basic") ? StrTok(nullptr, kBlanks, &save) : nullptr;
+    int colon = -1;
+    CStr credentials;
+    if (token) {
+      credentials = token;
+      credentials.Base64Decode();
+      colon = credentials.FindChar(':');
+    }
+    if (colon < 0) {
+      // Answered at once; the request itself is still served afterwards.
+      SendError(client, ErrMsg401, nullptr);
+      return;
+    }
+    client->User = credentials.Left(colon);
+    client->Password = credentials.Right(colon + 1);
+  } else if (EqualsIC(name, "Host")) {
+    char* host = StrTok(nullptr, kBlanks, &save);
+    client->Host = host ? host : "";
+  } else if (EqualsIC(name, "Accept")) {
+    client->InAccept = HeaderRest(name, save, 1);
+  } else if (EqualsIC(name, "Accept-Language")) {
+    client->AcceptLanguage = HeaderRest(name, save, 1);
+  } else if (EqualsIC(name, "Connection")) {
+    client->InConnection = HeaderRest(name, save, 2);
+    char* token = StrTok(nullptr, "\n\r ,", &save);
+    if (token && EqualsIC(token, "Keep-Alive")) client->Flags |= HTTPS_CLIENTF_KEEPALIVE;
+    if (token && EqualsIC(token, "Close")) client->Flags &= ~HTTPS_CLIENTF_KEEPALIVE;
+  } else if (EqualsIC(name, "Cookie")) {
+    client->InCookies = HeaderRest(name, save, 2);
+  } else if (EqualsIC(name, "Referer")) {
+    client->Referer = HeaderRest(name, save, 2);
+  } else if (EqualsIC(name, "User-Agent")) {
+    client->InUserAgent = HeaderRest(name, save, 2);
+  } else if (EqualsIC(name, "If-Modified-Since")) {
+    if (client->Method == HTTPS_MET_GET)
+      client->ModifiedTm = ParseModifiedSince(HeaderRest(name, save, 1));
+  } else if (EqualsIC(name, "Content-Length")) {
+    if (client->Method == HTTPS_MET_POST) client->PostLen = atoi(HeaderRest(name, save, 1));
+  } else if (EqualsIC(name, "Content-Type")) {
+    if (client->Method == HTTPS_MET_POST) ParseContentType(client, save);
+  }
+}
+
+void CHttpServer::ParseContentType(HTTPS_CLIENT* client, char* save) {
+  char* type = StrTok(nullptr, "&;, ", &save);
+  if (!type) return;
+  client->ContentType = type;
+  if (strcmp(type, "application/x-www-form-urlencoded") == 0) {
+    client->PostType = HTTPS_POSTENC_WWWFORM;
+  } else if (strcmp(type, "multipart/form-data") == 0) {
+    const char* b = save ? strstr(save, "boundary=") : nullptr;
+    if (b) {
+      b += 9;
+      // The stored boundary leaves out its first character; the multipart
+      // parser's offsets are built on that.
+      if (*b) ++b;
+      client->Boundary = CStr(b, (int)strcspn(b, ","));
+    }
+    client->PostType = HTTPS_POSTENC_MULTIPART;
+  }
+}
+
+void CHttpServer::DispatchPost(HTTPS_CLIENT* client) {
+  if (client->PostLen <= 0) {
+    // A negative length is as unusable as a missing one.
+    SendError(client, ErrMsg411, "POST");
+    return;
+  }
+  if (client->Arg.IsEmpty()) {
+    SendError(client, ErrMsg400, "POST");
+    return;
+  }
+  if (client->PostLen > MaxPostLen) {
+    client->Socket->Flush(client->PostLen);
+    SendError(client, ErrMsg413, "POST", 1);
+    return;
+  }
+  __https_obj* obj = nullptr;
+  if (!ParseArgs(obj, client, HTTPS_OBJ_ENGINE | HTTPS_OBJ_VFILE | HTTPS_OBJ_EXT) || !obj) return;
+  if (!CheckAccess(obj, client)) return;
+  if (obj->Type & HTTPS_OBJ_ENGINE) {
+    try {
+      obj->Func(obj, client);
+    } catch (...) {
+      PrintLog(client->Ip, "EXE %s: Internal error", obj->Alias.c_str());
+      SendError(client, ErrMsg500, nullptr);
+    }
+  } else if (OnCgi) {
+    OnCgi(obj, client);
+  }
+}

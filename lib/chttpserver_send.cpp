@@ -1,0 +1,267 @@
+// CHttpServer: the response writers, the log line writer and small lookups.
+#include "chttpserver.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "pl_fs.h"
+#include "pl_sendfile.h"
+
+namespace {
+
+// Header blocks are formatted into a fixed buffer; reaching this many
+// characters abandons the reply. Two spare bytes take the final CR LF when
+// the block stops just short of the limit.
+const int kHeaderLimit = 1023;
+const int kHeaderBufSize = kHeaderLimit + 1 + 2;
+const int kDateSize = 40;
+// TLS sockets can't use the kernel's file copy; they go through CSocket in
+// pieces of one TLS record.
+const int kFileChunk = 16384;
+
+const char* const kMethodNames[] = {"NONE", "GET", "POST", "UNKNOWN"};
+
+const char kMovedBodyHead[] =
+    "<head><title>Document Moved</title></head><body><h1>Object Moved</h1>"
+    "This document may be found <a HREF=\"";
+const char kMovedBodyTail[] = "\">here</a></body>";
+
+const char kAuthBody[] =
+    "<html>\n<head>\n  <title>401 Authorization Required</title>\n</head>\n<body>\n"
+    "  <h1>Authorization Required</h1>\n  <p>This server could not verify that you\n"
+    "  are authorized to access the document\n  requested.  Either you supplied the wrong\n"
+    "  credentials (e.g., bad password), or your\n  browser doesn't understand how to supply\n"
+    "  the credentials required.</p>\n  <hr>\n</body></html>\n";
+
+// The HTTP date of t, always in English and UTC. Computed by hand because
+// the C library's broken-down time is shared between threads and its
+// names follow the locale.
+void FormatHttpDate(long long t, char* out) {
+  static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  long long days = t / 86400;
+  long long secs = t % 86400;
+  if (secs < 0) {
+    secs += 86400;
+    days -= 1;
+  }
+  int weekday = (int)((days % 7 + 11) % 7);  // 1970-01-01 was a Thursday
+  long long z = days + 719468;
+  long long era = (z >= 0 ? z : z - 146096) / 146097;
+  long long doe = z - era * 146097;
+  long long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  long long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  long long mp = (5 * doy + 2) / 153;
+  int day = (int)(doy - (153 * mp + 2) / 5 + 1);
+  int month = (int)(mp < 10 ? mp + 3 : mp - 9);
+  long long year = yoe + era * 400 + (month <= 2);
+  snprintf(out, kDateSize, "%s, %.2d %s %lld %.2d:%.2d:%.2d GMT", kDays[weekday], day,
+           kMonths[month - 1], year, (int)(secs / 3600), (int)(secs / 60 % 60), (int)(secs % 60));
+}
+
+// Appends to a header block under the overflow rule: the text must end
+// before the limit, else the whole reply is abandoned.
+bool AppendHeader(char* buf, int& len, const char* fmt, ...) {
+  int space = kHeaderLimit - len;
+  va_list ap;
+  va_start(ap, fmt);
+  int n = vsnprintf(buf + len, (size_t)space + 1, fmt, ap);
+  va_end(ap);
+  if (n < 0 || n >= space) return false;
+  len += n;
+  return true;
+}
+
+}  // namespace
+
+bool CHttpServer::PrintLog(unsigned int ip, const char* format, ...) {
+  if (!Log) return false;
+  // A switched-off log accepts every line without writing; skip the
+  // formatting that would be thrown away on every request.
+  if (Log->LogLevel == 0) return true;
+  char msg[kHeaderLimit + 1];
+  va_list ap;
+  va_start(ap, format);
+  int n = vsnprintf(msg, sizeof msg, format, ap);
+  va_end(ap);
+  if (n <= 0 || n > kHeaderLimit) return false;
+  return Log->Print("HTTP %d (%s): %s", Id, CLog::FormatIP(ip).c_str(), msg);
+}
+
+bool CHttpServer::WriteAll(CSocket* sock, const char* buf, int len) {
+  return sock && sock->Write(buf, len) == len;
+}
+
+bool CHttpServer::SendHeader(HTTPS_CLIENT* client, int len, const char* type, const char* filename,
+                             long long mtime, int flags) {
+  long long now = 0;
+  char date[kDateSize], modified[kDateSize], expires[kDateSize];
+  snprintf(date, sizeof date, "%s", Time(&now));
+  if (mtime == 0)
+    memcpy(modified, date, sizeof date);
+  else
+    FormatHttpDate(mtime, modified);
+  bool cacheable = flags & 1;
+  FormatHttpDate(cacheable ? now + (long long)CacheExpire : now, expires);
+  if (!type || !*type) type = "text/html";
+
+  char buf[kHeaderBufSize];
+  int n = 0;
+  bool fits = AppendHeader(buf, n,
+                           "HTTP/1.1 200 OK\r\nServer: %s\r\nDate: %s\r\nConnection: close\r\n"
+                           "Content-type: %s\r\nLast-Modified: %s\r\nExpires: %s\r\n"
+                           "Cache-Control: %s\r\nPragma: %s\r\n",
+                           ServerName.c_str(), date, type, modified, expires,
+                           cacheable ? "public" : "no-store", cacheable ? "public" : "no-cache");
+  // No length line for 0: engines that stream an unknown length pass 0.
+  if (fits && len != 0) fits = AppendHeader(buf, n, "Content-length: %d\r\n", len);
+  if (fits && filename)
+    fits = AppendHeader(buf, n, "Content-Disposition: attachment; filename=\"%s\"\r\n", filename);
+  if (fits && n < kHeaderLimit) {
+    memcpy(buf + n, "\r\n", 3);
+    n += 2;
+  } else {
+    PrintLog(client->Ip, "SEND HEADER: Buffer overflow");
+    return false;
+  }
+  if (!WriteAll(client->Socket, buf, n)) {
+    PrintLog(client->Ip, "SEND HEADER: Socket error");
+    return false;
+  }
+  return true;
+}
+
+bool CHttpServer::SendFile(HTTPS_CLIENT* client, const char* path) {
+  FILE* f = fopen(path, "rb");
+  if (!f) {
+    PrintLog(client->Ip, "SEND FILE: File \"%s\" not found", path);
+    return false;
+  }
+  bool ok = true;
+  CSocket* sock = client->Socket;
+  if (!sock->Ssl) {
+    // The kernel copies the file to the socket without a user buffer.
+    ok = PlSendFile(sock->Socket, f) >= 0;
+  } else {
+    char chunk[kFileChunk];
+    size_t got;
+    while (ok && (got = fread(chunk, 1, sizeof chunk, f)) > 0)
+      ok = sock->Write(chunk, (int)got) == (int)got;
+  }
+  fclose(f);
+  if (!ok) PrintLog(client->Ip, "SEND FILE: Socket error sending \"%s\"", path);
+  return ok;
+}
+
+bool CHttpServer::SendReply(HTTPS_CLIENT* client, char* buf, int len) {
+  return WriteAll(client->Socket, buf, len);
+}
+
+bool CHttpServer::SendMoved(CSocket* sock, CStr& url) {
+  CStr body = kMovedBodyHead;
+  body += url;
+  body += kMovedBodyTail;
+  char buf[kHeaderBufSize];
+  int n = 0;
+  if (!AppendHeader(buf, n,
+                    "HTTP/1.1 302 Object Moved\r\nLocation: %s\r\nServer: %s\r\n"
+                    "Content-type: text/html\r\nConnection: close\r\nContent-length: %d\r\n\r\n",
+                    url.c_str(), ServerName.c_str(), body.Len))
+    return false;
+  return WriteAll(sock, buf, n) && WriteAll(sock, body.c_str(), body.Len);
+}
+
+bool CHttpServer::SendNotModified(CSocket* sock) {
+  char buf[kHeaderBufSize];
+  int n = 0;
+  if (!AppendHeader(buf, n,
+                    "HTTP/1.1 304 Not Modified\r\nServer: %s\r\nDate: %s\r\nConnection: close\r\n\r\n",
+                    ServerName.c_str(), Time(nullptr)))
+    return false;
+  return WriteAll(sock, buf, n);
+}
+
+bool CHttpServer::SendAuthenticate(CSocket* sock, CStr& realm) {
+  char buf[kHeaderBufSize];
+  int n = 0;
+  const int bodyLen = (int)sizeof kAuthBody - 1;
+  if (!AppendHeader(buf, n,
+                    "HTTP/1.1 401 Authorization Required\r\nServer: %s\r\n"
+                    "WWW-Authenticate: Basic realm=\"%s\"\r\nContent-type: text/html\r\n"
+                    "Connection: close\r\nContent-length: %d\r\n\r\n",
+                    ServerName.c_str(), realm.c_str(), bodyLen))
+    return false;
+  return WriteAll(sock, buf, n) && WriteAll(sock, kAuthBody, bodyLen);
+}
+
+void CHttpServer::SendError(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* info) {
+  SendError(client, err, info, 0);
+}
+
+void CHttpServer::SendError(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* info, int flags) {
+  if (OnError && !OnError(client, &err, info, flags)) {
+    // The hook has answered.
+  } else if (!err.Url.IsEmpty() && !(flags & 1)) {
+    SendErrorPage(client, err);
+  } else {
+    // Just the status line: the client sees the connection close after it.
+    CStr line = "HTTP/1.1 ";
+    line += err.Message;
+    line += "\r\n";
+    WriteAll(client->Socket, line.c_str(), line.Len);
+  }
+  if (info)
+    PrintLog(client->Ip, "%s (%s)", err.Message.c_str(), info);
+  else
+    PrintLog(client->Ip, "%s", err.Message.c_str());
+}
+
+// A configured error page goes out as an ordinary, uncached 200 page; a
+// missing page sends nothing.
+void CHttpServer::SendErrorPage(HTTPS_CLIENT* client, HTTPS_ERRMSG& err) {
+  CStr path = HomeDir;
+  path.DirFixSep(true);
+  path += err.Url;
+  path.NativePath();
+  PlStatInfo st;
+  if (!PlStat(path.c_str(), &st)) return;
+  if (SendHeader(client, (int)st.Size, nullptr, nullptr, st.MTime, 0)) SendFile(client, path.c_str());
+}
+
+const char* CHttpServer::GetMimeType(CStr& ext) {
+  if (ext.IsEmpty()) return "text/plain";
+  CListIterator<CMime> mimes(MimeList);
+  while (CMime* mime = mimes.Next()) {
+    CListIterator<CStr> exts(&mime->ExtList);
+    while (CStr* e = exts.Next())
+      if (e->CompareIC(ext.c_str()) == 0) return mime->Type.c_str();
+  }
+  return "application/octet-stream";
+}
+
+const char* CHttpServer::GetMethodStr(int method) {
+  if (method < 0 || method > 3) method = 3;
+  return kMethodNames[method];
+}
+
+const char* CHttpServer::Time(long long* now) {
+  // One buffer per thread: connection threads format dates concurrently.
+  thread_local char buf[kDateSize];
+  long long t = (long long)time(nullptr);
+  FormatHttpDate(t, buf);
+  if (now) *now = t;
+  return buf;
+}
+
+char* CHttpServer::MemStr(char* buf, int len, char* pat) {
+  if (!*pat) return buf;
+  for (int i = 0; i < len; ++i) {
+    char* p = buf + i;
+    int k = 0;
+    while (pat[k] && p[k] == pat[k]) ++k;
+    if (!pat[k]) return p;
+  }
+  return nullptr;
+}

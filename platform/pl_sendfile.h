@@ -1,0 +1,23 @@
+// Server-side platform helpers: copying an open file straight to a socket,
+// shutting a socket down both ways (which also wakes a thread blocked in
+// accept on it), switching off send coalescing and the default document root.
+#ifndef LUMETTA_PL_SENDFILE_H
+#define LUMETTA_PL_SENDFILE_H
+
+#include <cstdio>
+
+#include "pl_net.h"
+
+// Sends f from its current position to its end to s without a user-space
+// copy where the platform allows it. Returns the number of bytes sent, or
+// -1 when the socket failed (a file read error ends the copy like its end).
+long long PlSendFile(PlSocket s, FILE* f);
+// Shuts s down for sending and receiving. On a listening socket this makes
+// a blocked accept return at once, which closing alone does not do on Linux.
+void PlSockShutdownBoth(PlSocket s);
+// Sends small writes at once instead of waiting to fill a segment.
+bool PlSockNoDelay(PlSocket s);
+// The file-system root used when no home directory is configured.
+const char* PlRootDir();
+
+#endif

@@ -1,0 +1,42 @@
+#include "pl_sendfile.h"
+
+#include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+long long PlSendFile(PlSocket s, FILE* f) {
+  int in = fileno(f);
+  off_t offset = ftello(f);
+  if (in < 0 || offset < 0) return 0;
+  long long sent = 0;
+  for (;;) {
+    // One call moves at most about 2 GiB; 0 means the end of the file.
+    ssize_t n = sendfile((int)s, in, &offset, 0x40000000);
+    if (n > 0) {
+      sent += n;
+      continue;
+    }
+    if (n == 0) break;
+    if (errno == EINTR) continue;
+    if (errno == EINVAL || errno == ENOSYS) break;  // not a regular file: treat as end
+    fseeko(f, offset, SEEK_SET);
+    return -1;
+  }
+  fseeko(f, offset, SEEK_SET);
+  return sent;
+}
+
+void PlSockShutdownBoth(PlSocket s) {
+  if (s != PL_NO_SOCKET) shutdown((int)s, SHUT_RDWR);
+}
+
+bool PlSockNoDelay(PlSocket s) {
+  int on = 1;
+  return setsockopt((int)s, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
+}
+
+
+const char* PlRootDir() { return "/"; }

@@ -1,0 +1,33 @@
+#include "pl_sendfile.h"
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+// A plain copy loop: bounded memory, no extra library to bind.
+long long PlSendFile(PlSocket s, FILE* f) {
+  char buf[16384];
+  long long sent = 0;
+  for (;;) {
+    size_t got = fread(buf, 1, sizeof buf, f);
+    if (got == 0) return sent;
+    size_t done = 0;
+    while (done < got) {
+      int n = send((SOCKET)s, buf + done, (int)(got - done), 0);
+      if (n <= 0) return -1;
+      done += (size_t)n;
+    }
+    sent += (long long)got;
+  }
+}
+
+void PlSockShutdownBoth(PlSocket s) {
+  if (s != PL_NO_SOCKET) shutdown((SOCKET)s, SD_BOTH);
+}
+
+bool PlSockNoDelay(PlSocket s) {
+  BOOL on = TRUE;
+  return setsockopt((SOCKET)s, IPPROTO_TCP, TCP_NODELAY, (const char*)&on, sizeof on) == 0;
+}
+
+
+const char* PlRootDir() { return "C:\\"; }
