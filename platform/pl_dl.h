@@ -1,0 +1,13 @@
+// Loading a shared library at run time and looking up its exported symbols.
+#ifndef LUMETTA_PL_DL_H
+#define LUMETTA_PL_DL_H
+
+// Opens the library by file name (the system's search rules apply); NULL when
+// it can't be loaded.
+void* PlDlOpen(const char* name);
+// Address of an exported symbol, or NULL when the library lacks it.
+void* PlDlSymbol(void* lib, const char* name);
+// Releases a handle from PlDlOpen; NULL is ignored.
+void PlDlClose(void* lib);
+
+#endif

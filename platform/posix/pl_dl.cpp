@@ -1,0 +1,19 @@
+#include "pl_dl.h"
+
+#include <dlfcn.h>
+
+void* PlDlOpen(const char* name) {
+  if (!name || !*name) return nullptr;
+  // RTLD_LOCAL keeps the library's symbols out of the global namespace, so
+  // two bound libraries can't interfere with each other.
+  return dlopen(name, RTLD_NOW | RTLD_LOCAL);
+}
+
+void* PlDlSymbol(void* lib, const char* name) {
+  if (!lib || !name) return nullptr;
+  return dlsym(lib, name);
+}
+
+void PlDlClose(void* lib) {
+  if (lib) dlclose(lib);
+}

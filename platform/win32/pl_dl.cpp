@@ -1,0 +1,20 @@
+#include "pl_dl.h"
+
+#include <windows.h>
+
+void* PlDlOpen(const char* name) {
+  if (!name || !*name) return nullptr;
+  return reinterpret_cast<void*>(LoadLibraryA(name));
+}
+
+void* PlDlSymbol(void* lib, const char* name) {
+  if (!lib || !name) return nullptr;
+  // FARPROC -> void* goes through an integer to keep the conversion
+  // warning-free; both are plain code addresses on this platform.
+  FARPROC fn = GetProcAddress(static_cast<HMODULE>(lib), name);
+  return reinterpret_cast<void*>(reinterpret_cast<INT_PTR>(fn));
+}
+
+void PlDlClose(void* lib) {
+  if (lib) FreeLibrary(static_cast<HMODULE>(lib));
+}
