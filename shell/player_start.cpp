@@ -1,5 +1,6 @@
 #include "player_start.h"
 
+#include <cstdio>
 #include <string>
 
 #include "chttpserver.h"
@@ -131,7 +132,12 @@ void ConfigureServer() {
   CStr home;
   ReadIniKey(&home, INI_HOMEDIR);
   ExpandTokens(home);
-  HttpServer->SetHomeDir(home);
+  // A relative home directory is taken from the current directory once, so
+  // that later changes of directory (child processes) cannot move it.
+  std::string full;
+  if (PlRealPath(home.c_str(), &full)) home = full.c_str();
+  if (!HttpServer->SetHomeDir(home))
+    fprintf(stderr, "Lumetta: home directory not found: %s\n", home.c_str());
   HttpServer->SetPortA(static_cast<unsigned short>(ReadIniInt(INI_PORT)));
   HttpServer->CacheExpire = 0;
   HttpServer->ServerName = "Lumetta Server";
@@ -193,11 +199,19 @@ CStr StartAddress(int port, const CStr& startPage) {
 
 PhpCommand FindPhpCommand() {
   PhpCommand cmd;
-  cmd.Interpreter = FindPhpInterpreter();
-  CStr ini = ProgDir + "/Php5/php.ini";
-  // An explicit settings file only when the program ships one: "-c" with a
-  // missing file would leave the system's own settings in force anyway.
-  if (ini.FileExist()) cmd.Args = CStr("-c \"") + ini + "\"";
+  if (FindPhpInterpreter(ProgDir, cmd.Interpreter, cmd.Args)) {
+    // The server registers a handler only for an interpreter file that
+    // exists, tested on the path as given: quotes are needed only around a
+    // path with blanks for the gateway's command line.
+    CStr& exe = cmd.Interpreter;
+    if (exe.Len >= 2 && exe.First() == '"' && exe.Last() == '"' && exe.FindChar(' ') < 0)
+      exe = exe.SubStr(1, exe.Len - 2);
+    return cmd;
+  }
+  // Nothing to run PHP with: register the bundled location all the same, so
+  // the player starts and PHP pages fail in the gateway with a clear reply.
+  cmd.Interpreter = ProgDir + "/Php5/php-cgi";
+  cmd.Args = CStr("-c \"") + ProgDir + "/Php5/php.ini\"";
   return cmd;
 }
 
