@@ -22,6 +22,20 @@ gboolean NoContextMenu(WebKitWebView*, WebKitContextMenu*, GdkEvent*, WebKitHitT
 
 int NotNegative(int v) { return v < 0 ? 0 : v; }
 
+// Debug trace of the page's life, for tests that cannot look at the screen.
+void TraceLoad(WebKitWebView* view, WebKitLoadEvent event, gpointer) {
+  if (event == WEBKIT_LOAD_FINISHED) fprintf(stderr, "loaded: %s\n", webkit_web_view_get_uri(view));
+}
+
+gboolean TraceLoadFailed(WebKitWebView*, WebKitLoadEvent, gchar* uri, GError* error, gpointer) {
+  fprintf(stderr, "load failed: %s: %s\n", uri, error ? error->message : "");
+  return FALSE;
+}
+
+void TraceCrash(WebKitWebView*, WebKitWebProcessTerminationReason reason, gpointer) {
+  fprintf(stderr, "web process ended: %d\n", int(reason));
+}
+
 }  // namespace
 
 TDlgMain::TDlgMain() : Window(nullptr), HeaderBar(nullptr), CWB_Browser(nullptr),
@@ -44,6 +58,12 @@ void TDlgMain::BuildWidgets() {
 
   GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
   CWB_Browser = webkit_web_view_new();
+  // Drawn in software: GPU compositing leaves the view blank where OpenGL is
+  // missing or broken (virtual machines, remote and virtual displays), and an
+  // application's pages do not need it.
+  WebKitSettings* settings = webkit_web_view_get_settings(WEBKIT_WEB_VIEW(CWB_Browser));
+  webkit_settings_set_hardware_acceleration_policy(settings,
+                                                   WEBKIT_HARDWARE_ACCELERATION_POLICY_NEVER);
   gtk_box_pack_start(GTK_BOX(box), CWB_Browser, TRUE, TRUE, 0);
   SB_Status = gtk_drawing_area_new();
   gtk_style_context_add_class(gtk_widget_get_style_context(SB_Status), "statusbar");
@@ -54,6 +74,11 @@ void TDlgMain::BuildWidgets() {
   g_signal_connect(SB_Status, "draw", G_CALLBACK(DrawBarEvent), this);
   g_signal_connect(Window, "destroy", G_CALLBACK(FormDestroy), this);
   g_signal_connect(CWB_Browser, "size-allocate", G_CALLBACK(OnBrowserAllocated), this);
+  if (getenv("LUMETTA_DEBUG_WINDOW")) {
+    g_signal_connect(CWB_Browser, "load-changed", G_CALLBACK(TraceLoad), nullptr);
+    g_signal_connect(CWB_Browser, "load-failed", G_CALLBACK(TraceLoadFailed), nullptr);
+    g_signal_connect(CWB_Browser, "web-process-terminated", G_CALLBACK(TraceCrash), nullptr);
+  }
 }
 
 // A plain strip in the status bar's own colour, without text.

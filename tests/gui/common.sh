@@ -19,7 +19,16 @@ free_port() {
   python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'
 }
 
-port_listening() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+# Whether something listens on the port. Looked up rather than connected to:
+# a test connection would leave its own port in TIME_WAIT, and that port is
+# often the very next one, which the player may want.
+port_listening() {
+  if command -v ss >/dev/null; then
+    ss -Hltn "sport = :$1" 2>/dev/null | grep -q .
+  else  # state 0A is LISTEN in the kernel's table
+    grep -qi ":$(printf '%04X' "$1") 00000000:0000 0A" /proc/net/tcp
+  fi
+}
 
 # wait_for SECONDS COMMAND...: retries the command every 0.1 s.
 wait_for() {

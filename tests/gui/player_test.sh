@@ -122,7 +122,7 @@ port-taken)
   PIDS+=($!)
   wait_for 10 port_listening "$PORT" || fail "blocker not listening"
   start_player "$WORK/log" /INI "$WORK/a.ini"
-  grep -qx "navigate: http://localhost:$((PORT + 1))" "$WORK/log" || fail "next port not taken"
+  grep -qx "navigate: http://localhost:$((PORT + 1))" "$WORK/log" || { cat "$WORK/log" >&2; fail "next port not taken (blocked $PORT)"; }
   curl -fsS "http://127.0.0.1:$((PORT + 1))/" | grep -q "colour page" || fail "serving"
   ;;
 bad-options)
@@ -142,6 +142,27 @@ bad-options)
   xdotool key --window "$wid" Return
   expect_exit_0
   grep -q '^geometry:' "$WORK/e" && fail "a window was shown"
+  ;;
+demo)
+  # The demo application as run-demo.sh starts it: styled page drawn (the
+  # header's blue, not a blank view), PHP form reachable.
+  command -v php-cgi >/dev/null || skip "php-cgi missing"
+  PORT=$(free_port)
+  sed "s/^PORT=.*/PORT=$PORT/" "$SRC_DIR/examples/demo/Lumetta.ini" > "$WORK/demo.ini"
+  cd "$SRC_DIR/examples/demo"
+  start_player "$WORK/log" /INI "$WORK/demo.ini"
+  wait_for 30 grep -q "^loaded: http://localhost:$PORT/" "$WORK/log" || fail "demo not loaded"
+  at=$(geometry_field "$WORK/log" at)
+  cx=${at%,*} cy=${at#*,}
+  for i in $(seq 1 50); do
+    rgb=$(pixel $((cx + 10)) $((cy + 10)))
+    (( 16#${rgb:4:2} > 16#${rgb:0:2} + 60 )) && break
+    sleep 0.2
+  done
+  (( 16#${rgb:4:2} > 16#${rgb:0:2} + 60 )) || fail "header not drawn (pixel $rgb)"
+  curl -fsS "http://127.0.0.1:$PORT/form.php" | grep -q "PHP form" || fail "PHP page"
+  click_close
+  expect_exit_0
   ;;
 *) fail "unknown case $CASE" ;;
 esac
