@@ -1,5 +1,7 @@
 #include "alphawin_gtk.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <set>
 
 #include "alphawin.h"
@@ -10,8 +12,12 @@ namespace {
 // at destruction; such a window must not be touched any more.
 std::set<void*> LiveWindows;
 
+bool TraceOpacity = false;  // LUMETTA_DEBUG_WINDOW: tests follow the fades
+
 void SetOpacity(void* window, AwAlpha alpha) {
-  if (LiveWindows.count(window)) gtk_widget_set_opacity(GTK_WIDGET(window), alpha / 255.0);
+  if (!LiveWindows.count(window)) return;
+  gtk_widget_set_opacity(GTK_WIDGET(window), alpha / 255.0);
+  if (TraceOpacity) fprintf(stderr, "opacity: %d\n", int(alpha));
 }
 
 void SetLayered(void* window, bool on) {
@@ -82,6 +88,7 @@ void InstallPlatformOnce() {
   p.TimerStop = TimerStop;
   p.Sleep = SleepDrawing;
   AW_SetPlatform(&p);
+  TraceOpacity = getenv("LUMETTA_DEBUG_WINDOW") != nullptr;
   done = true;
 }
 

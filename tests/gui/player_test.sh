@@ -54,6 +54,20 @@ click_close() {
   xdotool mousemove $((X + WIDTH - 28)) $((Y + 26)) click 1
 }
 
+count_windows() { xwininfo -root -children | grep -c '"'; }
+
+# right_click_opens_menu X Y: true when a right click there opens a popup.
+right_click_opens_menu() {
+  local before after
+  before=$(count_windows)
+  xdotool mousemove "$1" "$2" click 3
+  sleep 1
+  after=$(count_windows)
+  xdotool key Escape
+  sleep 0.3
+  (( after > before ))
+}
+
 expect_exit_0() {
   local tries=100
   while kill -0 "$PLAYER_PID" 2>/dev/null && (( tries-- > 0 )); do sleep 0.1; done
@@ -81,6 +95,8 @@ window)
   xdotool search --name "^Colour Test$" >/dev/null || fail "caption"
   wait_colour $((cx + 250)) $((cy + 150)) 00c060
   port_listening "$PORT" || fail "server not listening"
+  right_click_opens_menu $((cx + 250)) $((cy + 150)) || fail "no context menu by default"
+  grep -q '^opacity:' "$WORK/log" && fail "faded without GLASSWIN"
   click_close
   expect_exit_0
   port_listening "$PORT" && fail "port still open after the window closed"
@@ -89,15 +105,24 @@ no-statusbar)
   PORT=$(free_port)
   make_colour_site "$WORK/site" "#2040ff"
   write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "CLIENT_WIDTH=400" \
-    "CLIENT_HEIGHT=260" "STATUSBAR=0" "SIZEABLE=0" "ICON_MAXIMIZE=0"
+    "CLIENT_HEIGHT=260" "STATUSBAR=0" "SIZEABLE=0" "ICON_MAXIMIZE=0" "POPUPMENU=0" \
+    "GLASSWIN=1" "TITLE=File Title"
   start_player "$WORK/log" /INI "$WORK/a.ini" /TITLE "Command Title"
+  wait_for 30 grep -q '^loaded:' "$WORK/log" || fail "page not loaded"
   [[ $(geometry_field "$WORK/log" client) == 400x260 ]] || fail "client area without status bar"
   [[ $(geometry_field "$WORK/log" resizable) == 0 ]] || fail "SIZEABLE=0"
   [[ $(geometry_field "$WORK/log" buttons) == icon:minimize,close ]] || fail "buttons"
   [[ $(geometry_field "$WORK/log" title) == Command ]] || fail "/TITLE caption"
   xdotool search --name "^Command Title$" >/dev/null || fail "caption from /TITLE"
+  at=$(geometry_field "$WORK/log" at)
+  right_click_opens_menu $((${at%,*} + 100)) $((${at#*,} + 100)) && fail "POPUPMENU=0 shows a menu"
+  # Translucent window: shown at the opening opacity, and the close waits for
+  # a fade back down to it.
+  [[ $(grep -m1 '^opacity:' "$WORK/log") == "opacity: 100" ]] || fail "not shown translucent"
+  wait_for 10 grep -q '^opacity: 255' "$WORK/log" || fail "no fade up on activation"
   click_close
   expect_exit_0
+  [[ $(grep '^opacity:' "$WORK/log" | tail -1) == "opacity: 100" ]] || fail "no fade before close"
   ;;
 borderless)
   PORT=$(free_port)
