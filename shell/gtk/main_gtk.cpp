@@ -1,5 +1,8 @@
 // The windowed player's entry: a GTK main loop around TDlgMain.
+#include <glib-unix.h>
 #include <gtk/gtk.h>
+
+#include <csignal>
 
 #include "dlg_main.h"
 #include "pl_ui.h"
@@ -18,6 +21,13 @@ void ShowMessage(void* owner, const char* text, const char* caption) {
   gtk_widget_destroy(box);
 }
 
+// A stop request from outside closes the window like the user would, so the
+// server stops and the port is freed.
+gboolean CloseOnSignal(gpointer) {
+  if (DlgMain && MainWindowHandle) gtk_widget_destroy(DlgMain->Window);
+  return G_SOURCE_REMOVE;
+}
+
 void RunWindow(void* haveDisplay) {
   if (!*static_cast<bool*>(haveDisplay)) {
     Error("Unable to open the display for the player's window.");
@@ -25,6 +35,8 @@ void RunWindow(void* haveDisplay) {
   }
   DlgMain = new TDlgMain;  // the whole start of the player happens here
   DlgMain->Show();
+  g_unix_signal_add(SIGINT, CloseOnSignal, nullptr);
+  g_unix_signal_add(SIGTERM, CloseOnSignal, nullptr);
   gtk_main();
 }
 

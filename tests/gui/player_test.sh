@@ -21,7 +21,7 @@ start_player() {
   "$PLAYER" "$@" > /dev/null 2> "$log" &
   PLAYER_PID=$!
   PIDS+=($PLAYER_PID)
-  wait_for 30 grep -q '^geometry:' "$log" || { cat "$log" >&2; fail "window not laid out"; }
+  wait_for 30 grep -qs '^geometry:' "$log" || { cat "$log" >&2; fail "window not laid out"; }
 }
 
 geometry_field() {  # log field -> the word after it
@@ -138,6 +138,10 @@ borderless)
   wid=$(xdotool search --pid "$PLAYER_PID" --onlyvisible | tail -1)
   xprop -id "$wid" _NET_WM_STATE | grep -q _NET_WM_STATE_ABOVE || fail "STAYONTOP"
   wait_colour 250 250 ff00ff
+  # No close button here: a stop request closes the window cleanly.
+  kill -TERM "$PLAYER_PID"
+  expect_exit_0
+  port_listening "$PORT" && fail "port still open after SIGTERM"
   ;;
 port-taken)
   PORT=$(free_port)

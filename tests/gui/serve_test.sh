@@ -12,7 +12,7 @@ start_serve() {
   "$SERVE" "$@" > "$out" 2> "$out.err" &
   PIDS+=($!)
   SERVE_PID=$!
-  wait_for 20 grep -q '^http://' "$out" || { cat "$out.err" >&2; fail "no start address"; }
+  wait_for 20 grep -qs '^http://' "$out" || { cat "$out.err" >&2; fail "no start address"; }
   URL=$(head -1 "$out")
 }
 
