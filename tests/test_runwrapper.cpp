@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
 #include <mutex>
 #include <string>
@@ -27,7 +28,15 @@ struct OpenCall {
 
 std::mutex CallsLock;
 std::vector<OpenCall> Calls;
-bool StubAnswer = true;
+std::atomic<bool> StubAnswer{true};
+
+// The server's threads record, the test's thread reads: always under the lock.
+std::vector<OpenCall> TakeCalls() {
+  std::lock_guard<std::mutex> g(CallsLock);
+  std::vector<OpenCall> taken;
+  taken.swap(Calls);
+  return taken;
+}
 
 bool RecordingOpener(const char* file, const char* params, const char* dir, int show) {
   std::lock_guard<std::mutex> g(CallsLock);
@@ -41,10 +50,10 @@ class RunTest : public ::testing::Test {
   std::unique_ptr<EnginesServer> Srv;
 
   void SetUp() override {
-    Calls.clear();
+    TakeCalls();
     StubAnswer = true;
     PlShellSetOpener(RecordingOpener);
-    ProgDir = "/opt/player";
+    ProgDir = Home.Path().c_str();  // set before the server's threads exist
     EnginesWriteFile(Home / "index.html", "<p>home</p>");
     Srv.reset(new EnginesServer(Home.Path(), false));
     ASSERT_TRUE(Srv->Start());
@@ -56,8 +65,9 @@ class RunTest : public ::testing::Test {
   }
   EnginesReply Run(const std::string& query) { return EnginesGet(Srv->Port(), "/run.ebd" + query); }
   OpenCall OnlyCall() {
-    EXPECT_EQ(Calls.size(), 1u);
-    return Calls.empty() ? OpenCall{} : Calls.back();
+    std::vector<OpenCall> calls = TakeCalls();
+    EXPECT_EQ(calls.size(), 1u);
+    return calls.empty() ? OpenCall{} : calls.back();
   }
 };
 
@@ -95,21 +105,19 @@ TEST_F(RunTest, RefusalsGive403) {
   EXPECT_TRUE(Is403(Run("")));
   EXPECT_TRUE(Is403(Run("?file=&page=index.html")));
   EXPECT_TRUE(Is403(Run("?page=index.html&directory=/tmp")));
-  EXPECT_TRUE(Calls.empty());
-  StubAnswer = false;  // the desktop could not open it
+  EXPECT_TRUE(TakeCalls().empty());
+  StubAnswer = false;  // the desktop could not open it (set while no request runs)
   EXPECT_TRUE(Is403(Run("?file=x.txt&page=index.html")));
-  EXPECT_EQ(Calls.size(), 1u);
+  EXPECT_EQ(TakeCalls().size(), 1u);
 }
 
 TEST_F(RunTest, ShowCmdWordsAndLastArgumentWins) {
   const std::pair<const char*, int> cases[] = {
       {"MAXIMIZE", 3}, {"hide", 0}, {"showminnoactive", 7}, {"ShowNoActivate", 4}, {"big", 1}, {"", 1}};
   for (const auto& c : cases) {
-    Calls.clear();
     Run(std::string("?file=a&showcmd=") + c.first);
     EXPECT_EQ(OnlyCall().Show, c.second) << c.first;
   }
-  Calls.clear();
   Run("?file=a&showcmd=hide&showcmd=big&FILE=b");  // unknown word keeps hide
   OpenCall c = OnlyCall();
   EXPECT_EQ(c.Show, 0);
@@ -121,7 +129,7 @@ TEST_F(RunTest, TokensAreExpandedOnlyInParameters) {
   OpenCall c = OnlyCall();
   EXPECT_EQ(c.File, "PROGDIR:/tool");
   EXPECT_EQ(c.Dir, "%PROGDIR%/work");
-  EXPECT_EQ(c.Params, "/opt/player/data/x.cfg /opt/player");
+  EXPECT_EQ(c.Params, Home / "data/x.cfg " + Home.Path());
 }
 
 TEST_F(RunTest, PostedFormArgumentsCount) {
@@ -136,7 +144,6 @@ TEST_F(RunTest, DesktopOpenerRunsProgramsAndRefusesMissingFiles) {
   EXPECT_TRUE(Is403(Run("?file=" + Home / "does-not-exist.txt" + "&page=index.html")));
 
   // A program is started with its parameters in the given directory.
-  ProgDir = Home.Path().c_str();
   std::string out = Home / "ran.txt";
   EnginesReply r = Run("?file=" + EnginesHelperPath() + "&directory=" + Home.Path() +
                        "&parameters=write-file+PROGDIR:/ran.txt+%22two+words%22&page=index.html");
