@@ -215,7 +215,10 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
   CStr script = server->GetHomeDir();
   script.Cat(relative);
   script.NativePath();
-  if (!contained || !script.FileExist() || !InsideDirectory(script, server->GetHomeDir())) {
+  // A quote could end a quoted "%s" early and add words to the command
+  // line; Windows names can't hold one, so such a file counts as absent.
+  bool quoteFree = script.FindChar('"') < 0;
+  if (!contained || !quoteFree || !script.FileExist() || !InsideDirectory(script, server->GetHomeDir())) {
     server->SendError(client, server->ErrMsg404, nullptr, 0);
     return true;
   }

@@ -192,6 +192,21 @@ TEST_F(CgiTest, StatusLineRules) {
   EXPECT_EQ(r.Body, "gone");
 }
 
+TEST_F(CgiTest, CommandLineDirectoryAndLongOutput) {
+  StartServer();
+  fs::create_directories(Home + "/sub dir");
+  FakeInterpreter("pwd", "pwd");
+  FakeInterpreter("named", "cgi-args \"%s\" tail");
+  FakeInterpreter("big", "line 100000");
+  fs::rename(Home + "/page.pwd", Home + "/sub dir/page.pwd");
+  EXPECT_NE(EnginesGet(Port(), "/sub%20dir/page.pwd").Raw.find("\r\n" + Home + "/sub dir\n"), std::string::npos);
+  EXPECT_EQ(EnginesGet(Port(), "/page.named").Body, "[" + Home + "/page.named]\n[tail]\n");
+  // No line end in the first 4,096 bytes and many pieces after it.
+  EnginesReply r = EnginesGet(Port(), "/page.big");
+  EXPECT_EQ(r.Raw.find("HTTP/1.1 200 OK\r\nServer: Lumetta Server\r\nDate: "), 0u);
+  EXPECT_TRUE(r.Raw.size() > 100001 && r.Raw.substr(r.Raw.size() - 100001) == std::string(100000, 'x') + "\n");
+}
+
 TEST_F(CgiTest, SessionAndCookieAcrossRequests) {
   StartServer();
   EnginesReply first = EnginesGet(Port(), "/session.php");
@@ -260,6 +275,12 @@ TEST_F(CgiTest, QueryNeverReachesTheCommandLine) {
     EnginesReply r = EnginesGet(Port(), std::string("/page.argv") + q);
     EXPECT_EQ(r.Body, "[-x]\n") << q;
   }
+  // Nor does a file name: one with a quote could close a quoted "%s".
+  FakeInterpreter("named", "cgi-args \"%s\"");
+  EnginesWriteFile(Home + "/x\" -evil \".named", "");
+  EnginesReply named = EnginesGet(Port(), "/x%22%20-evil%20%22.named");
+  EXPECT_EQ(named.StatusLine.compare(0, 12, "HTTP/1.1 404"), 0) << named.Raw;
+  EXPECT_EQ(named.Raw.find("-evil]"), std::string::npos);
   // php-cgi itself: a query without '=' never shows the source or turns
   // options on; at worst it refuses to run the page.
   for (const char* q : {"?-s", "?-d+allow_url_include%3d1", "?%2ds", "?+-s"}) {
