@@ -146,18 +146,28 @@ void SendFirstChunk(CHttpServer* server, CSocket* sock, const char* buf, int len
   if (rest < end) sock->Write(rest, (int)(end - rest));
 }
 
+// The first piece is read until it holds a line end, fills the buffer or
+// the output ends: php-cgi writes its "Status: ..." text and the CR LF after
+// it separately, and a piece cut between them would lose the status.
+int ReadFirstChunk(CPipeStream& pipe, char* buf) {
+  int len = 0;
+  while (len < kChunk) {
+    unsigned n = pipe.Read(buf + len, (unsigned)(kChunk - len));
+    if (n == 0) break;
+    bool lineEnd = memchr(buf + len, '\r', n) || memchr(buf + len, '\n', n);
+    len += (int)n;
+    if (lineEnd) break;
+  }
+  return len;
+}
+
 void Relay(CHttpServer* server, CSocket* sock, CPipeStream& pipe) {
   char buf[kChunk];
-  bool first = true;
+  int first = ReadFirstChunk(pipe, buf);
+  if (first == 0) return;  // nothing written: nothing is sent
+  SendFirstChunk(server, sock, buf, first);
   unsigned n;
-  while ((n = pipe.Read(buf, sizeof buf)) > 0) {
-    if (first) {
-      SendFirstChunk(server, sock, buf, (int)n);
-      first = false;
-    } else {
-      sock->Write(buf, (int)n);
-    }
-  }
+  while ((n = pipe.Read(buf, sizeof buf)) > 0) sock->Write(buf, (int)n);
 }
 
 // True when path lies inside dir once links are resolved: the dispatcher
@@ -170,17 +180,19 @@ bool InsideDirectory(const CStr& path, const CStr& dir) {
   return realPath.compare(0, realDir.size(), realDir) == 0;
 }
 
-bool HasParentSegment(const CStr& arg) {
-  std::string p = arg.c_str();
-  for (char& ch : p)
-    if (ch == '\\') ch = '/';
-  p = "/" + p + "/";
-  return p.find("/../") != std::string::npos;
+// A program path with blanks is quoted: Windows finds such a program
+// unquoted by trying the blanks in turn, our command-line splitter does not.
+CStr ProgramWord(const CStr& path) {
+  if (path.FindChar(' ') < 0 || path.First() == '"') return path;
+  CStr q("\"");
+  q.Cat(path);
+  q.CatChar('"');
+  return q;
 }
 
 CStr CommandLine(__https_obj* obj, const CStr& script) {
   if (obj->Type & HTTPS_OBJ_VFILE) return obj->Path;
-  CStr format = obj->Path;
+  CStr format = ProgramWord(obj->Path);
   format.CatChar(' ');
   format.Cat(obj->Args);
   CStr cmd;
@@ -195,10 +207,18 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
   HTTPS_CLIENT* client = static_cast<HTTPS_CLIENT*>(clientPtr);
   CHttpServer* server = client->CHttpServerEx;
 
+  // The request path as the client sent it may still hold "..": resolve it
+  // here too, whatever the dispatcher did, and refuse one that climbs out.
+  CStr relative = client->Arg;
+  bool contained = relative.PathSimplify('/');
+  if (relative.First() != '/') relative = CStr("/") + relative;  // a climb back may eat the leading one
   CStr script = server->GetHomeDir();
-  script.Cat(client->Arg);
+  script.Cat(relative);
   script.NativePath();
-  if (HasParentSegment(client->Arg) || !script.FileExist() || !InsideDirectory(script, server->GetHomeDir())) {
+  // A quote could end a quoted "%s" early and add words to the command
+  // line; Windows names can't hold one, so such a file counts as absent.
+  bool quoteFree = script.FindChar('"') < 0;
+  if (!contained || !quoteFree || !script.FileExist() || !InsideDirectory(script, server->GetHomeDir())) {
     server->SendError(client, server->ErrMsg404, nullptr, 0);
     return true;
   }
@@ -285,7 +305,7 @@ bool FindPhpInterpreter(const CStr& progDir, CStr& path, CStr& args) {
     CStr bundled = base;
     bundled.Cat(exe);
     if (!bundled.FileExist()) continue;
-    path = Quoted(bundled);
+    path = bundled;
     args.Empty();
     if (ini.FileExist()) {
       args = "-c ";
@@ -297,7 +317,7 @@ bool FindPhpInterpreter(const CStr& progDir, CStr& path, CStr& args) {
   }
   CStr system;
   if (!FindOnPath("php-cgi", system) && !FindOnPath("php-cgi.exe", system)) return false;
-  path = Quoted(system);
+  path = system;
   args = kPhpOptions;
   return true;
 }

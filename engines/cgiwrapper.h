@@ -17,8 +17,9 @@ bool CgiWrapper(void* obj, void* client);
 // The interpreter command and argument text for the extension handler of
 // ".php": the one shipped below progDir ("Php5/php-cgi" with its php.ini)
 // when present, else php-cgi found on PATH. False when there is none. Both
-// texts are ready for Vadd: quoted, with any '%' doubled (the gateway
-// formats them), and the script is named to php-cgi by SCRIPT_FILENAME.
+// are ready for Vadd("php", path, args, 8, 1): path is the bare file, args
+// quoted with any '%' doubled (the gateway formats it). The script reaches
+// php-cgi through SCRIPT_FILENAME only.
 bool FindPhpInterpreter(const CStr& progDir, CStr& path, CStr& args);
 
 #endif

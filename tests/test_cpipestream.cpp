@@ -1,5 +1,9 @@
 // ctest-labels: threads
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <filesystem>
 
 #include <string>
 #include <thread>
@@ -272,6 +276,32 @@ TEST(CPipeStream, KillEndsTheChild) {
   EXPECT_TRUE(p.GetStatus() & CPIPE_ST_KILLED);
   EXPECT_FALSE(p.GetStatus() & CPIPE_ST_RUNNING);
   EXPECT_EQ(ReadAll(p), "");
+}
+
+TEST(CPipeStream, LeavesNoDescriptorsAndNoZombies) {
+  auto openDescriptors = [] {
+    int n = 0;
+    for (auto& e : std::filesystem::directory_iterator("/proc/self/fd")) n += e.path().empty() ? 0 : 1;
+    return n;
+  };
+  int before = openDescriptors();
+  RunHelper("print x");
+  OpenError("/nonexistent/program");
+  {
+    CPipeStream p;
+    p.TimeOut = 1;
+    p.Open(Helper("sleep 30").c_str(), nullptr, nullptr, CPIPE_READ | CPIPE_WRITE | CPIPE_DEBUG);
+    ReadAll(p);
+  }
+  {
+    CPipeStream p;  // dropped while the child still runs
+    p.Open(Helper("echo").c_str(), nullptr, nullptr, CPIPE_READ | CPIPE_WRITE);
+  }
+  EXPECT_EQ(openDescriptors(), before);
+  int st;
+  errno = 0;
+  EXPECT_EQ(waitpid(-1, &st, WNOHANG), -1);  // every child has been collected
+  EXPECT_EQ(errno, ECHILD);
 }
 
 TEST(CPipeStream, ManyStreamsAtOnce) {
