@@ -70,15 +70,25 @@ class ShellStart : public ::testing::Test {
     fputs(("[Lumetta]\n" + body).c_str(), f);
     fclose(f);
   }
-  // A port that is free now, so runs in parallel do not meet.
-  static int FreePort() {
+  static bool Bindable(int port) {
     PlSocket s = PlSockTcp();
-    PlSockBind(s, 0x7F000001, 0);
-    unsigned addr = 0;
-    unsigned short port = 0;
-    PlSockLocalAddr(s, &addr, &port);
+    bool ok = PlSockBind(s, 0x7F000001, static_cast<unsigned short>(port));
     PlSockClose(s);
-    return port;
+    return ok;
+  }
+  // A port that is free now, and its neighbour too (the port search moves
+  // there), so runs in parallel do not meet.
+  static int FreePort() {
+    for (int tries = 0; tries < 200; tries++) {
+      PlSocket s = PlSockTcp();
+      PlSockBind(s, 0x7F000001, 0);
+      unsigned addr = 0;
+      unsigned short port = 0;
+      PlSockLocalAddr(s, &addr, &port);
+      PlSockClose(s);
+      if (port < 65535 && Bindable(port) && Bindable(port + 1)) return port;
+    }
+    return 0;
   }
 };
 

@@ -14,9 +14,31 @@ trap cleanup EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
 skip() { echo "SKIP: $*" >&2; exit 77; }
 
-# A port nobody listens on right now.
+# A port that can be listened on right now, and so can the next one: tests
+# of the port search need both (client sockets of other tests often hold the
+# neighbour of a fresh port in TIME_WAIT).
 free_port() {
-  python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'
+  python3 - <<'PY'
+import socket
+def bindable(p):
+    s = socket.socket()
+    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    try:
+        s.bind(("127.0.0.1", p))
+        return True
+    except OSError:
+        return False
+    finally:
+        s.close()
+for _ in range(200):
+    s = socket.socket()
+    s.bind(("127.0.0.1", 0))
+    p = s.getsockname()[1]
+    s.close()
+    if p < 65535 and bindable(p) and bindable(p + 1):
+        print(p)
+        break
+PY
 }
 
 # Whether something listens on the port. Looked up rather than connected to:
