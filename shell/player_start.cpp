@@ -1,6 +1,7 @@
 #include "player_start.h"
 
 #include <cstdio>
+#include <exception>
 #include <string>
 
 #include "chttpserver.h"
@@ -181,6 +182,8 @@ int PlayerMain(char* const* words, int count, void (*run)(void* arg), void* arg)
       run(arg);
     } catch (int) {
       Error("");  // the start has already said what went wrong
+    } catch (const std::exception& e) {
+      Error("%s", e.what());
     }
   }
   PlNetCleanup();
