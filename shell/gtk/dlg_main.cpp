@@ -92,7 +92,7 @@ gboolean TDlgMain::DrawBarEvent(GtkWidget* bar, cairo_t* cr, gpointer) {
 void TDlgMain::FormDestroy(GtkWidget*, gpointer) {
   StopPlayer();
   MainWindowHandle = nullptr;
-  gtk_main_quit();
+  if (gtk_main_level() > 0) gtk_main_quit();  // not yet running when the start failed
 }
 
 void TDlgMain::SetCaption(const char* title) {
@@ -178,7 +178,10 @@ void TDlgMain::Show() {
 
 void TDlgMain::OnBrowserAllocated(GtkWidget* browser, GdkRectangle* area, gpointer data) {
   TDlgMain* self = static_cast<TDlgMain*>(data);
-  if (area->width != self->BrowserWidth || area->height != self->BrowserHeight) return;
+  // Skip the placeholder allocation before the window is laid out. The first
+  // real one may be smaller than asked when the desktop limits the window.
+  bool placeholder = area->width <= 1 && area->height <= 1;
+  if (placeholder && (self->BrowserWidth > 1 || self->BrowserHeight > 1)) return;
   g_signal_handlers_disconnect_by_func(browser, (gpointer)OnBrowserAllocated, data);
   if (self->Sizeable) gtk_widget_set_size_request(browser, -1, -1);
   // The status strip is laid out after the browser: report once all is placed.
