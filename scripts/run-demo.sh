@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
 bash scripts/setup.sh build
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMETTA_BUILD_GUI=ON >/dev/null
 cmake --build build -j "$(nproc)"
 # The demo's settings name its home directory relative to its own folder.
 cd examples/demo
