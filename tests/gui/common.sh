@@ -14,31 +14,22 @@ trap cleanup EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
 skip() { echo "SKIP: $*" >&2; exit 77; }
 
-# A port that can be listened on right now, and so can the next one: tests
-# of the port search need both (client sockets of other tests often hold the
-# neighbour of a fresh port in TIME_WAIT).
+# A port no socket uses right now, and the next one neither: tests of the
+# port search need both. Sockets in TIME_WAIT count, since they also keep a
+# listener off the port.
+port_in_use() {
+  local hex
+  hex=$(printf ':%04X ' "$1")
+  grep -qi "^ *[0-9]*: [0-9A-F]*$hex" /proc/net/tcp
+}
+
 free_port() {
-  python3 - <<'PY'
-import socket
-def bindable(p):
-    s = socket.socket()
-    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    try:
-        s.bind(("127.0.0.1", p))
-        return True
-    except OSError:
-        return False
-    finally:
-        s.close()
-for _ in range(200):
-    s = socket.socket()
-    s.bind(("127.0.0.1", 0))
-    p = s.getsockname()[1]
-    s.close()
-    if p < 65535 and bindable(p) and bindable(p + 1):
-        print(p)
-        break
-PY
+  local p i
+  for i in $(seq 1 200); do
+    p=$(( 20000 + RANDOM % 40000 ))
+    port_in_use "$p" || port_in_use $((p + 1)) || { echo "$p"; return 0; }
+  done
+  return 1
 }
 
 # Whether something listens on the port. Looked up rather than connected to:

@@ -147,7 +147,8 @@ port-taken)
   PORT=$(free_port)
   make_colour_site "$WORK/site" "#00c060"
   write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT"
-  python3 -c 'import socket,sys,time; s=socket.socket(); s.bind(("127.0.0.1",int(sys.argv[1]))); s.listen(1); time.sleep(60)' "$PORT" &
+  # Another server holds the port first.
+  "$BIN_DIR/lumetta-serve" /INI "$WORK/a.ini" > "$WORK/blocker" &
   PIDS+=($!)
   wait_for 10 port_listening "$PORT" || fail "blocker not listening"
   start_player "$WORK/log" /INI "$WORK/a.ini"
