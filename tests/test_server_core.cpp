@@ -674,7 +674,9 @@ TEST_F(ServerCore, ContentTypeIsCaseSensitive) {
 
 TEST_F(ServerCore, ThrowingEngineGets500AndALogLine) {
   Begin();
-  EXPECT_EQ(Ask(Post("/boom", "Content-Length: 1\r\n", "x")),
+  EXPECT_EQ(Ask(Post("/boom",
+                    "Content-Length: 1\r\nContent-Type: application/x-www-form-urlencoded\r\n",
+                    "x")),
             "HTTP/1.1 500 Internal Server Error\r\n");
   EXPECT_TRUE(Logged("EXE /boom: Internal error"));
   // Whatever the GET path answers, the exception must not end the server.
