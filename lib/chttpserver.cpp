@@ -34,7 +34,6 @@ struct LiveClients {
   std::condition_variable Done;
   std::unordered_set<PlSocket> Sockets;
   int Count = 0;
-  std::atomic<bool> Stopping{false};
 };
 
 CHttpServer::CHttpServer() : Log(nullptr) { Init(); }
@@ -253,7 +252,6 @@ bool CHttpServer::StartListening() {
 bool CHttpServer::StartAccepting() {
   if (IsAccepting) return true;
   if (!IsListening) return false;
-  Live->Stopping = false;
   AcceptingThread = PlThreadStart(StartAcceptingEx, this, 0);
   IsAccepting = AcceptingThread != nullptr;
   return IsAccepting;
@@ -261,7 +259,6 @@ bool CHttpServer::StartAccepting() {
 
 bool CHttpServer::StopListening() {
   if (!IsListening) return true;
-  Live->Stopping = true;
   // Shut down first: on Linux a blocked accept only returns for that.
   PlSockShutdownBoth(ListeningSock);
   if (AcceptingThread) {
@@ -284,14 +281,10 @@ unsigned int CHttpServer::StartAcceptingEx(void* arg) {
   for (;;) {
     unsigned remoteAddr = 0;
     unsigned short remotePort = 0;
+    // Only a listener that has been shut down or closed gives no socket;
+    // transient failures are retried inside the platform layer.
     PlSocket sock = PlSockAccept(listener, &remoteAddr, &remotePort);
-    if (sock == PL_NO_SOCKET) {
-      if (srv->Live->Stopping) break;
-      // Out of descriptors or an aborted handshake: the listener is still
-      // good, so pause briefly instead of giving up on every future client.
-      PlSleepMs(20);
-      continue;
-    }
+    if (sock == PL_NO_SOCKET) break;
     srv->AcceptOne(sock, remoteAddr, remotePort);
   }
   return 0;
@@ -318,8 +311,9 @@ void CHttpServer::AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short r
     }
   } else {
     client->Socket = new CSocket(sock);
-    // Every reply is a few writes followed by a close: send each at once.
-    PlSockNoDelay(sock);
+    // A reply is a header, a body and a close: let them leave together
+    // instead of as one packet per write. The close flushes what is held.
+    PlSockCork(sock);
   }
   client->Ip = remoteAddr;
   client->Port = remotePort;

@@ -125,8 +125,10 @@ struct HTTPS_CLIENT {
   CStr InUserAgent;
   int PostLen;
   int PostType;
-  PlThread* Thread;  // not kept: the accepting thread releases the handle at once
-  unsigned long ThreadID;
+  // Null: the accepting thread releases the handle at once, because the
+  // connection thread may free this record before the handle could be stored.
+  PlThread* Thread;
+  unsigned long ThreadID;  // set by the connection thread itself
   time_t ModifiedTm;
 };
 

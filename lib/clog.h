@@ -15,7 +15,7 @@ class CLog {
   bool AutoFlush;
   CStr FileNameExt;
   CStr FileNamePref;
-  CStr Path;
+  CStr Path;  // "." and the native separator; one more separator is added
   int LogLevel;  // 0 switches logging off
   bool DoFlush;
   FILE* FH;
@@ -31,8 +31,11 @@ class CLog {
 
   void New();  // throws 0 when the file can't be opened
   bool Print(const char* fmt, ...);
+  // False without an open file, when the next day's file can't be opened,
+  // or when a write fails; in the last case the lock stays with the calling
+  // thread (given back when that thread ends).
   bool VPrint(const char* fmt, va_list ap);
-  bool WinErr();
+  bool WinErr();  // "WINDOWS ERROR: " and the last system error's text
   static bool Flush(void* log);
   static CStr FormatIP(unsigned int ip);  // ip in network byte order
   void CheckTime();

@@ -123,7 +123,7 @@ class Formatter {
   void Emit(const char* text, int n) {
     if (n <= 0) return;
     out_(sink_, text, n);
-    count_ += n;
+    count_ = count_ > INT_MAX - n ? INT_MAX : count_ + n;  // saturate, never wrap
   }
   void EmitBlanks(int n);
   void EmitPadded(const Directive& d, const char* text, int n);

@@ -12,6 +12,8 @@
 // Differences from the runtime's printf that callers rely on:
 //   - %s of NULL prints nothing; %ls takes a wchar_t string.
 //   - 'l' reads a long, "ll" and 'L' a long long; %p is always 64 bits.
+//     There are no 'h', 'j', 'z' or 't' modifiers: "%zu" prints "%zu" (or
+//     takes a string in internal mode); cast sizes to long long and use %lld.
 //   - width is capped at 990, precision at 960 (strings: no cap).
 //   - floating point carries at most 16 significant digits, then zeros;
 //     values beyond 1e+/-350 (and infinities, NaN) print "NaN".

@@ -127,6 +127,8 @@ int CSocket::GetBufFree() const { return static_cast<int>(Unread()); }
 
 // Signed on purpose: byte 0xFF comes back as -1, like end of input.
 int CSocket::Getc() {
+  if (!Eof && InBufPtr < InBufLen && InBufLen <= InBufSize)  // served from memory
+    return static_cast<signed char>(InBuf[InBufPtr++]);
   FillInBuf();
   if (Eof || Unread() == 0) return -1;
   return static_cast<signed char>(InBuf[InBufPtr++]);

@@ -54,7 +54,7 @@ class CSocket {
 
   void Connect(const char* host, int port);  // throws 708, 703, 702
   void Connect(const CStr& host, int port) { Connect(host.c_str(), port); }
-  void Flush(int n);
+  void Flush(int n);  // skips at least n bytes, whole buffers at a time
   int GetBufFree() const;  // bytes received and not yet handed out
   int Getc();
   char* Gets(char* buf, unsigned int size) { return GetUntil(buf, size, '\n', false); }
@@ -67,13 +67,13 @@ class CSocket {
   char* GetUntil(char* buf, unsigned int size, char delim, bool dropDelim);
   int Puts(const char* s);
   int Puts(const CStr& s);
-  int Read(void* buf, int n);
+  int Read(void* buf, int n);  // n bytes unless input ends first; the count
   // Resizes the input buffer, keeping unread bytes that fit; the old buffer
   // is freed. False for 0 or when the memory can't be had.
   bool SetBuf(unsigned int size);
   // Takes effect at the next wait; a negative value waits without limit.
   void SetTimeOut(int seconds);
-  int Write(const void* buf, int n);
+  int Write(const void* buf, int n);  // one unbuffered send: its count, 0 on failure
   bool IsEof() const { return Eof; }
 
  private:

@@ -15,8 +15,10 @@ long long PlSendFile(PlSocket s, FILE* f);
 // Shuts s down for sending and receiving. On a listening socket this makes
 // a blocked accept return at once, which closing alone does not do on Linux.
 void PlSockShutdownBoth(PlSocket s);
-// Sends small writes at once instead of waiting to fill a segment.
-bool PlSockNoDelay(PlSocket s);
+// Holds back partial segments until the socket is closed (or a short
+// platform delay passes), so that a reply written in pieces leaves in as few
+// packets as possible.
+bool PlSockCork(PlSocket s);
 // The file-system root used when no home directory is configured.
 const char* PlRootDir();
 

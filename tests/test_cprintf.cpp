@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cprintf.h"
+#include "cstr.h"
 
 namespace {
 
@@ -24,34 +25,15 @@ std::string Fmt(const char* fmt, ...) {
   return r;
 }
 
-// Collects the formatter's output and its count.
-struct Collected {
-  std::string text;
-  int count;
-};
+void Append(void* sink, const char* text, int n) { static_cast<std::string*>(sink)->append(text, (size_t)n); }
 
-void CollectOutput(void* sink, const char* text, int n) {
-  static_cast<std::string*>(sink)->append(text, (size_t)n);
-}
-
-Collected Collect(const char* fmt, ...) {
-  Collected c;
+// The formatter's count, its output collected in *out; internal mode on.
+int Count(std::string* out, const char* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
-  c.count = QsVxPrintf(CollectOutput, &c.text, 0, fmt, ap);
+  int n = QsVxPrintf(Append, out, 1, fmt, ap);
   va_end(ap);
-  return c;
-}
-
-// Internal-mode formatting (enables %z).
-std::string FmtInternal(const char* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  char* s = QsIntPrintf(realloc, 1, nullptr, 0, fmt, ap);
-  va_end(ap);
-  std::string r = s ? s : "";
-  free(s);
-  return r;
+  return n;
 }
 
 TEST(QsPrintf, Integers) {
@@ -59,29 +41,21 @@ TEST(QsPrintf, Integers) {
   EXPECT_EQ(Fmt("%d", INT_MIN), "-2147483648");
   EXPECT_EQ(Fmt("%lld", LLONG_MIN), "-9223372036854775808");
   EXPECT_EQ(Fmt("%llu %Lx", ULLONG_MAX, 0x123456789abcdefLL), "18446744073709551615 123456789abcdef");
-  EXPECT_EQ(Fmt("%ld %lu", -5L, 7UL), "-5 7");
   EXPECT_EQ(Fmt("%x %X %o", 0xbeef, 0xbeef, 8), "beef BEEF 10");
   EXPECT_EQ(Fmt("%-5d|%5d|%05d|%.3d", 42, 42, -42, 7), "42   |   42|-0042|007");
   EXPECT_EQ(Fmt("%+d %+d % d", 5, -5, 5), "+5 -5  5");
   EXPECT_EQ(Fmt("%*d|%-*d|%*d", 4, 1, 3, 2, -3, 3), "   1|2  |3  ");
-}
-
-TEST(QsPrintf, AlternateForm) {
   EXPECT_EQ(Fmt("%#x", 255), "0xff");
-  EXPECT_EQ(Fmt("%#X", 255), "0XFF");
   EXPECT_EQ(Fmt("%#x", 0), "0");  // zero switches '#' off
   EXPECT_EQ(Fmt("%#o", 8), "010");
   EXPECT_EQ(Fmt("%#.3o", 8), "010");  // already starts with 0: not doubled
-  EXPECT_EQ(Fmt("%#o", 0), "0");
   EXPECT_EQ(Fmt("%#8x|", 255), "    0xff|");
 }
 
 TEST(QsPrintf, FixedPoint) {
   EXPECT_EQ(Fmt("%5.2f", 3.14159), " 3.14");
-  EXPECT_EQ(Fmt("%f", 1.5), "1.500000");
   EXPECT_EQ(Fmt("%.0f|%#.0f", 2.5, 2.5), "3|3.");
   EXPECT_EQ(Fmt("%.3f", -0.0005), "-0.001");
-  EXPECT_EQ(Fmt("%.2f", 0.001), "0.00");
   EXPECT_EQ(Fmt("%.4f", 0.00123), "0.0012");
   EXPECT_EQ(Fmt("%010.3f|%-9.1f|%+.1f", -3.14159, 2.0, 2.0), "-00003.142|2.0      |+2.0");
   EXPECT_EQ(Fmt("%.1f", 1e15), "1000000000000000.0");
@@ -94,12 +68,10 @@ TEST(QsPrintf, ExponentAndGeneral) {
   EXPECT_EQ(Fmt("%e", 12345.678), "1.234568e+04");
   EXPECT_EQ(Fmt("%.2E", 0.000123), "1.23E-04");
   EXPECT_EQ(Fmt("%.2e", 9.999), "1.00e+01");  // rounding carries into the exponent
-  EXPECT_EQ(Fmt("%e", 0.0), "0.000000e+00");
   EXPECT_EQ(Fmt("%e|%G", 1e300, 1e-300), "1.000000e+300|1E-300");
   EXPECT_EQ(Fmt("%g", 100000.0), "100000");
   EXPECT_EQ(Fmt("%g", 1000000.0), "1e+06");
   EXPECT_EQ(Fmt("%g", 1e-5), "1e-05");
-  EXPECT_EQ(Fmt("%g", 0.0001), "0.0001");
   EXPECT_EQ(Fmt("%g|%g|%G", 1.5, 0.0, 123456789.0), "1.5|0|1.23457E+08");
   EXPECT_EQ(Fmt("%#g", 1.5), "1.50000");
   EXPECT_EQ(Fmt("%.3g", 0.0001234567), "0.000123");
@@ -109,7 +81,6 @@ TEST(QsPrintf, ExponentAndGeneral) {
 TEST(QsPrintf, OutOfRangeValuesPrintNaN) {
   double inf = 1e308 * 10.0;
   EXPECT_EQ(Fmt("%f|%e|%g", inf, -inf, inf - inf), "NaN|NaN|NaN");
-  EXPECT_EQ(Fmt("%5f|", inf), "  NaN|");
   // Subnormals still lie within the exponent range.
   EXPECT_EQ(Fmt("%.2e", 1e-320), "1.00e-320");
 }
@@ -121,16 +92,24 @@ TEST(QsPrintf, StringsAndCharacters) {
   // Precision bounds the read: an unterminated array is fine.
   char raw[3] = {'a', 'b', 'c'};
   EXPECT_EQ(Fmt("%.3s", raw), "abc");
-  EXPECT_EQ(Fmt("%c%c", 'o', 'k'), "ok");
   EXPECT_EQ(Fmt("[%.4c][%.0c][%3c]", 'x', 'y', 'z'), "[xxxx][][  z]");
   EXPECT_EQ(Fmt("100%%"), "100%");
+}
+
+TEST(QsPrintf, CStrArgument) {
+  CStr name("lumetta"), empty;
+  EXPECT_EQ(Fmt("<%a><%9a><%-9a><%.3a>", &name, &name, &name, &name), "<lumetta><  lumetta><lumetta  ><lum>");
+  EXPECT_EQ(Fmt("<%a><%a>", &empty, (CStr*)nullptr), "<><>");
+  CStr binary("a\0b", 3);  // the length counts, not the terminator
+  std::string out;
+  EXPECT_EQ(Count(&out, "%a", &binary), 3);
+  EXPECT_EQ(out, std::string("a\0b", 3));
 }
 
 TEST(QsPrintf, SqlQuoting) {
   EXPECT_EQ(Fmt("%q", "it's"), "it''s");
   EXPECT_EQ(Fmt("%Q", "it's"), "'it''s'");
   EXPECT_EQ(Fmt("%q|%Q", (char*)nullptr, (char*)nullptr), "(NULL)|NULL");
-  EXPECT_EQ(Fmt("%Q", ""), "''");
   // Escaped text beyond the stack buffer goes through the heap.
   std::string quotes(3000, '\'');
   EXPECT_EQ(Fmt("%Q", quotes.c_str()), "'" + std::string(6000, '\'') + "'");
@@ -146,16 +125,12 @@ TEST(QsPrintf, CountPointerAndWideStrings) {
   EXPECT_EQ(Fmt("%p", high), std::string(sizeof(void*) * 2, 'f'));
 
   EXPECT_EQ(Fmt("%ls|%.2ls|%ls", L"wide", L"wide", (wchar_t*)nullptr), "wide|wi|");
-  const char* previous = setlocale(LC_CTYPE, nullptr);
-  std::string saved = previous ? previous : "C";
+  // Tests run in the "C" locale, which can't express the accent: '?' instead.
+  EXPECT_EQ(Fmt("%ls", L"h\u00e9!"), "h?!");
   if (setlocale(LC_CTYPE, "C.UTF-8")) {
     EXPECT_EQ(Fmt("%ls", L"h\u00e9"), "h\xc3\xa9");
-    setlocale(LC_CTYPE, saved.c_str());
+    setlocale(LC_CTYPE, "C");
   }
-  // Characters the locale can't express become '?'.
-  setlocale(LC_CTYPE, "C");
-  EXPECT_EQ(Fmt("%ls", L"h\u00e9!"), "h?!");
-  setlocale(LC_CTYPE, saved.c_str());
 }
 
 TEST(QsPrintf, MalformedFormats) {
@@ -163,29 +138,22 @@ TEST(QsPrintf, MalformedFormats) {
   EXPECT_EQ(Fmt("%z", "x"), "%z");   // %z needs internal mode
   EXPECT_EQ(Fmt("abc%"), "abc%");
 
-  Collected lone = Collect("abc%");
-  EXPECT_EQ(lone.text, "abc%");
-  EXPECT_EQ(lone.count, -1);
-  Collected inside = Collect("x%-5");
-  EXPECT_EQ(inside.text, "x%");
-  EXPECT_EQ(inside.count, -1);
-  Collected fine = Collect("%d%s", 123, "45");
-  EXPECT_EQ(fine.count, 5);
-}
-
-TEST(QsPrintf, InternalModeReleasesHeapStrings) {
-  // Under the leak checker this also proves the argument was freed.
-  char* owned = strdup("heap");
-  EXPECT_EQ(FmtInternal("[%z][%z]", owned, (char*)nullptr), "[heap][]");
+  std::string out;
+  EXPECT_EQ(Count(&out, "abc%"), -1);
+  EXPECT_EQ(out, "abc%");
+  EXPECT_EQ(Count(&out, "x%-5"), -1);  // ends inside a conversion
+  EXPECT_EQ(Count(&out, "%d%s", 123, "45"), 5);
+  // Internal mode: %z prints and frees (the leak checker sees to the latter).
+  out.clear();
+  Count(&out, "[%z][%z]", strdup("heap"), (char*)nullptr);
+  EXPECT_EQ(out, "[heap][]");
 }
 
 TEST(QsPrintf, WidthAndPrecisionCaps) {
   EXPECT_EQ(Fmt("%2000d", 1).size(), 990u);
-  EXPECT_EQ(Fmt("%*d", -5000, 1).size(), 990u);
   EXPECT_EQ(Fmt("%.2000d", 1).size(), 960u);
   EXPECT_EQ(Fmt("%.2000c", 'a'), std::string(960, 'a'));
-  std::string fixed = Fmt("%.2000f", 1.0);
-  EXPECT_EQ(fixed.size(), 962u);  // "1." and 960 digits
+  EXPECT_EQ(Fmt("%.2000f", 1.0).size(), 962u);  // "1." and 960 digits
   // Strings are not capped.
   std::string big(5000, 'q');
   EXPECT_EQ(Fmt("%.4000s", big.c_str()).size(), 4000u);
@@ -254,16 +222,12 @@ TEST(QsIntPrintf, GrowthFailureGivesNull) {
 
 TEST(QsPrintf, LongResults) {
   std::string a(300, 'a'), b(70000, 'b');
-  EXPECT_EQ(Fmt("%s", a.c_str()), a);
-  std::string r = Fmt("%s-%d-%s", a.c_str(), 7, b.c_str());
-  EXPECT_EQ(r.size(), 300u + 3 + 70000u);
-  EXPECT_EQ(r, a + "-7-" + b);
+  EXPECT_EQ(Fmt("%s-%d-%s", a.c_str(), 7, b.c_str()), a + "-7-" + b);
   // Many pieces of literal text and conversions mixed.
   std::string fmt, expect;
   for (int i = 0; i < 3000; i++) fmt += "ab%%";
   for (int i = 0; i < 3000; i++) expect += "ab%";
   EXPECT_EQ(Fmt((fmt + "%d").c_str(), 5), expect + "5");
-  EXPECT_EQ(Fmt("%s%990d", b.c_str(), 1).size(), 70990u);
 }
 
 TEST(QsSnPrintf, Truncates) {
@@ -272,8 +236,6 @@ TEST(QsSnPrintf, Truncates) {
   EXPECT_EQ(QsSnPrintf(4, buf, "abcdef"), buf);
   EXPECT_STREQ(buf, "abc");
   EXPECT_EQ(buf[4], '#');
-  QsSnPrintf(sizeof buf, buf, "%d-%s", 12, "xyz");
-  EXPECT_STREQ(buf, "12-xyz");
   QsSnPrintf(1, buf, "zzz");
   EXPECT_STREQ(buf, "");
   QsSnPrintf(sizeof buf, buf, "%s%s%s", "1234", "5678", "9");

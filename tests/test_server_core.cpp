@@ -3,6 +3,7 @@
 // reply writers byte for byte, log lines, and robustness against clients.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <climits>
 #include <cstring>
 #include <filesystem>
@@ -248,6 +249,27 @@ TEST(ServerObject, HalfConfiguredTlsStaysPlain) {
   EXPECT_EQ(s.SslCtx, nullptr);
 }
 
+std::atomic<int> sslErrors{0};
+void CountSslError(HTTPS_CLIENT* c, int code) {
+  EXPECT_EQ(code, 1);
+  EXPECT_NE(c, nullptr);
+  sslErrors++;
+}
+
+TEST(ServerObject, TlsWithoutContextRejectsEveryConnection) {
+  CHttpServer s;
+  s.EngsAdd("/echo", EchoEngine, 1);
+  s.SslEnabled = true;
+  s.OnSslError = CountSslError;
+  sslErrors = 0;
+  unsigned short port = ServerTestStart(s);
+  ASSERT_NE(port, 0);
+  EXPECT_EQ(s.SslCtx, nullptr);
+  EXPECT_EQ(HttpExchange(port, Get("/echo")), "");
+  EXPECT_EQ(HttpExchange(port, Get("/echo")), "");
+  EXPECT_EQ(sslErrors.load(), 2);
+}
+
 bool ExpandToken(CStr& path) {
   path.Subst("%DIR%", "");
   return true;
@@ -291,7 +313,9 @@ TEST(ServerObject, StopListeningThenStartAcceptingServesNothing) {
   unsigned short port = ServerTestStart(s);
   ASSERT_NE(port, 0);
   EXPECT_NE(HttpExchange(port, Get("/echo")).find("\r\n\r\nok"), std::string::npos);
+  uint64_t start = PlMonotonicMs();
   EXPECT_TRUE(s.StopListening());
+  EXPECT_LT(PlMonotonicMs() - start, 900u);  // the blocked accept woke up
   EXPECT_TRUE(s.StopListening());
   ASSERT_TRUE(s.StartListening());
   EXPECT_TRUE(s.StartAccepting());  // reports success, starts no thread

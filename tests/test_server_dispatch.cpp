@@ -39,23 +39,6 @@ std::string MovedReply(const std::string& url) {
          "Content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-// Reports the request's arguments: "args N" and one line per argument with
-// its name, the byte length of its value and the value's bytes.
-bool EchoEngine(void*, void* c) {
-  HTTPS_CLIENT* client = (HTTPS_CLIENT*)c;
-  CCgi* cgi = client->Cgi;
-  std::string out = "args " + std::to_string(cgi ? cgi->ArgsCount() : 0) + "\n";
-  for (CGI_ARG* a = cgi ? cgi->Args : nullptr; a; a = a->Next) {
-    out += std::string(a->Label.c_str()) + "\t" + std::to_string(a->Val.Len) + "\t";
-    if (a->Val.Len) out.append(a->Val.Str, (size_t)a->Val.Len);
-    out += "\n";
-  }
-  CHttpServer* srv = client->CHttpServerEx;
-  if (srv->SendHeader(client, (int)out.size(), "text/plain", nullptr, 0, 0))
-    client->Socket->Write(out.data(), (int)out.size());
-  return true;
-}
-
 bool CgiHook(void* o, void* c) {
   __https_obj* obj = (__https_obj*)o;
   HTTPS_CLIENT* client = (HTTPS_CLIENT*)c;
@@ -205,7 +188,7 @@ TEST_F(DispatchTest, DefaultDocumentIsDispatchedUnderTheExtendedPath) {
 }
 
 TEST_F(DispatchTest, DirectoryEngineAnswersWhenThereIsNoDefaultDocument) {
-  Srv().EngsAdd("/plain/index.ebd", EchoEngine, HTTPS_OBJF_ENABLED);
+  Srv().EngsAdd("/plain/index.ebd", EchoArgsEngine, HTTPS_OBJF_ENABLED);
   Server->Start();
   // The directory matched no object, so no arguments were parsed for it.
   Reply r = Get(Port(), "/plain/?q=1");
@@ -245,10 +228,10 @@ TEST_F(DispatchTest, GuardedVirtualDirectoryAsksForCredentials) {
 }
 
 TEST_F(DispatchTest, EmptyPasswordMatchesAnObjectWithoutOneAndRemovalOpensIt) {
-  Srv().EngsAdd("/open", EchoEngine, HTTPS_OBJF_ENABLED);
-  __https_obj* guarded = Srv().EngsAdd("/guarded", EchoEngine, HTTPS_OBJF_ENABLED);
+  Srv().EngsAdd("/open", EchoArgsEngine, HTTPS_OBJF_ENABLED);
+  __https_obj* guarded = Srv().EngsAdd("/guarded", EchoArgsEngine, HTTPS_OBJF_ENABLED);
   Srv().SetPassword(guarded, "bob", nullptr);
-  __https_obj* removed = Srv().EngsAdd("/removed", EchoEngine, HTTPS_OBJF_ENABLED);
+  __https_obj* removed = Srv().EngsAdd("/removed", EchoArgsEngine, HTTPS_OBJF_ENABLED);
   Srv().SetPassword(removed, "bob", "x");
   Srv().RemovePassword(removed, nullptr, nullptr);
   Server->Start();
@@ -260,7 +243,7 @@ TEST_F(DispatchTest, EmptyPasswordMatchesAnObjectWithoutOneAndRemovalOpensIt) {
 }
 
 TEST_F(DispatchTest, EngineReceivesQueryAndFormArguments) {
-  Srv().EngsAdd("/echo", EchoEngine, HTTPS_OBJF_ENABLED);
+  Srv().EngsAdd("/echo", EchoArgsEngine, HTTPS_OBJF_ENABLED);
   Server->Start();
 
   EXPECT_EQ(Get(Port(), "/echo?a=1&b=&c=3").Body, "args 3\na\t1\t1\nb\t0\t\nc\t1\t3\n");
@@ -282,7 +265,7 @@ TEST_F(DispatchTest, EngineReceivesQueryAndFormArguments) {
 }
 
 TEST_F(DispatchTest, MultipartUploadArrivesByteExact) {
-  Srv().EngsAdd("/upload", EchoEngine, HTTPS_OBJF_ENABLED);
+  Srv().EngsAdd("/upload", EchoArgsEngine, HTTPS_OBJF_ENABLED);
   Srv().SetMaxPostLen(1 << 20);
   Server->Start();
 

@@ -33,9 +33,9 @@ void PlSockShutdownBoth(PlSocket s) {
   if (s != PL_NO_SOCKET) shutdown((int)s, SHUT_RDWR);
 }
 
-bool PlSockNoDelay(PlSocket s) {
+bool PlSockCork(PlSocket s) {
   int on = 1;
-  return setsockopt((int)s, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
+  return setsockopt((int)s, IPPROTO_TCP, TCP_CORK, &on, sizeof on) == 0;
 }
 
 

@@ -49,7 +49,7 @@ PlThread* PlThreadStart(PlThreadFunc fn, void* arg, size_t stackSize) {
   pthread_attr_init(&attr);
   pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
   if (stackSize) {
-    if (stackSize < PTHREAD_STACK_MIN) stackSize = PTHREAD_STACK_MIN;
+    if (stackSize < (size_t)PTHREAD_STACK_MIN) stackSize = (size_t)PTHREAD_STACK_MIN;
     pthread_attr_setstacksize(&attr, stackSize);
   }
   pthread_t id;

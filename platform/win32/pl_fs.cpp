@@ -29,11 +29,13 @@ bool PlIsFile(const char* path) {
 }
 
 // The first entry comes with FindFirstFileA itself, so it is held back
-// until the first PlDirNext.
+// until the first PlDirNext. An empty drive root has no entries at all
+// (not even "."), which is still a directory that can be read.
 struct PlDir {
   HANDLE Handle;
   WIN32_FIND_DATAA Data;
   bool Pending;
+  bool Done;
 };
 
 PlDir* PlDirOpen(const char* path) {
@@ -43,18 +45,22 @@ PlDir* PlDirOpen(const char* path) {
   pattern += '*';
   PlDir* dir = new PlDir;
   dir->Handle = FindFirstFileA(pattern.c_str(), &dir->Data);
-  if (dir->Handle == INVALID_HANDLE_VALUE) {
+  dir->Pending = dir->Handle != INVALID_HANDLE_VALUE;
+  dir->Done = !dir->Pending;
+  if (dir->Done && !(GetLastError() == ERROR_FILE_NOT_FOUND && PlIsDir(path))) {
     delete dir;
     return nullptr;
   }
-  dir->Pending = true;
   return dir;
 }
 
 const char* PlDirNext(PlDir* dir) {
-  if (!dir) return nullptr;
+  if (!dir || dir->Done) return nullptr;
   for (;;) {
-    if (!dir->Pending && !FindNextFileA(dir->Handle, &dir->Data)) return nullptr;
+    if (!dir->Pending && !FindNextFileA(dir->Handle, &dir->Data)) {
+      dir->Done = true;
+      return nullptr;
+    }
     dir->Pending = false;
     const char* name = dir->Data.cFileName;
     if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0) return name;
@@ -63,7 +69,7 @@ const char* PlDirNext(PlDir* dir) {
 
 void PlDirClose(PlDir* dir) {
   if (!dir) return;
-  FindClose(dir->Handle);
+  if (dir->Handle != INVALID_HANDLE_VALUE) FindClose(dir->Handle);
   delete dir;
 }
 

@@ -1,7 +1,6 @@
 #include "pl_sendfile.h"
 
 #include <winsock2.h>
-#include <ws2tcpip.h>
 
 // A plain copy loop: bounded memory, no extra library to bind.
 long long PlSendFile(PlSocket s, FILE* f) {
@@ -24,10 +23,8 @@ void PlSockShutdownBoth(PlSocket s) {
   if (s != PL_NO_SOCKET) shutdown((SOCKET)s, SD_BOTH);
 }
 
-bool PlSockNoDelay(PlSocket s) {
-  BOOL on = TRUE;
-  return setsockopt((SOCKET)s, IPPROTO_TCP, TCP_NODELAY, (const char*)&on, sizeof on) == 0;
-}
+// Windows has no cork; writes go out as the stack sees fit.
+bool PlSockCork(PlSocket) { return false; }
 
 
 const char* PlRootDir() { return "C:\\"; }

@@ -80,6 +80,20 @@ Reply ParseReply(const std::string& raw) {
   return r;
 }
 
+bool EchoArgsEngine(void*, void* c) {
+  HTTPS_CLIENT* client = (HTTPS_CLIENT*)c;
+  CCgi* cgi = client->Cgi;
+  std::string out = "args " + std::to_string(cgi ? cgi->ArgsCount() : 0) + "\n";
+  for (CGI_ARG* a = cgi ? cgi->Args : nullptr; a; a = a->Next) {
+    out += std::string(a->Label.c_str()) + "\t" + std::to_string(a->Val.Len) + "\t";
+    if (a->Val.Len) out.append(a->Val.Str, (size_t)a->Val.Len);
+    out += "\n";
+  }
+  if (client->CHttpServerEx->SendHeader(client, (int)out.size(), "text/plain", nullptr, 0, 0))
+    client->Socket->Write(out.data(), (int)out.size());
+  return true;
+}
+
 std::string Exchange(unsigned short port, const std::string& request, bool halfClose,
                      int timeoutSec) {
   PlSocket s = PlSockTcp();

@@ -40,6 +40,11 @@ struct Reply {
 
 Reply ParseReply(const std::string& raw);
 
+// An engine that answers with the request's arguments: "args N", then one
+// line per argument: its name, a tab, the byte length of its value, a tab
+// and the value's bytes.
+bool EchoArgsEngine(void* object, void* client);
+
 // Sends request as given, half-closes when asked, and reads until the server
 // closes (at most timeoutSec seconds without data).
 std::string Exchange(unsigned short port, const std::string& request, bool halfClose = false,

@@ -61,6 +61,7 @@ bool LoopbackPair::Send(const std::string& data) {
 }
 
 void LoopbackPair::SendLater(std::string data, bool closeAfter) {
+  if (Sender.joinable()) Sender.join();  // one sender at a time, in order
   Sender = std::thread([this, data = std::move(data), closeAfter] {
     Send(data);
     if (closeAfter) PlSockShutdownSend(Far);
