@@ -11,9 +11,6 @@ conns=${3:-4}
 for tool in wrk php-cgi php lighttpd; do
   command -v "$tool" >/dev/null || { echo "bench_php: $tool is missing (scripts/setup.sh bench)"; exit 1; }
 done
-[[ -f $build/liblumetta_core.a && -f $build/liblumetta_engines.a ]] || {
-  echo "bench_php: build the project into $build first"; exit 1; }
-
 work=$(mktemp -d /tmp/lumetta-bench-XXXXXX)
 pids=()
 cleanup() {
@@ -24,9 +21,14 @@ cleanup() {
 trap cleanup EXIT
 
 # A bare server set up the way the player sets up its own.
-serve=$work/serve_php
-g++ -std=c++17 -O2 -Ilib -Iplatform -Iengines bench/serve_php.cpp \
-  "$build/liblumetta_engines.a" "$build/liblumetta_core.a" -lpthread -ldl -o "$serve"
+serve=$build/bench/serve_php
+if [[ ! -x $serve ]]; then
+  [[ -f $build/liblumetta_core.a && -f $build/liblumetta_engines.a ]] || {
+    echo "bench_php: build the project into $build first"; exit 1; }
+  serve=$work/serve_php
+  g++ -std=c++17 -O2 -Ilib -Iplatform -Iengines bench/serve_php.cpp \
+    "$build/liblumetta_engines.a" "$build/liblumetta_core.a" -lpthread -ldl -o "$serve"
+fi
 
 mkdir -p "$work/www"
 cat > "$work/www/page.php" <<'PHP'

@@ -4,8 +4,6 @@
 
 #include <atomic>
 #include <climits>
-#include <condition_variable>
-#include <mutex>
 #include <unordered_set>
 
 #include "pl_fs.h"
@@ -30,10 +28,11 @@ const unsigned kClientDrainMs = 5000;
 // their number (to wait for them). Touched once at the start and twice at
 // the end of each connection, never in between.
 struct LiveClients {
-  std::mutex Lock;
-  std::condition_variable Done;
+  PlMutex Lock;
+  PlEvent NoneLeft;  // set while Count is 0
   std::unordered_set<PlSocket> Sockets;
   int Count = 0;
+  LiveClients() { NoneLeft.Set(); }
 };
 
 CHttpServer::CHttpServer() : Log(nullptr) { Init(); }
@@ -92,6 +91,10 @@ void CHttpServer::Init() {
 
 CHttpServer::~CHttpServer() {
   StopListening();
+  if (AcceptingThread) {
+    PlThreadWait(AcceptingThread, PL_INFINITE);
+    PlThreadClose(AcceptingThread);
+  }
   DrainClients();
   if (SslCtx && OpenSsl.SSL_CTX_free) OpenSsl.SSL_CTX_free(SslCtx);
   delete MimeList;
@@ -103,29 +106,33 @@ CHttpServer::~CHttpServer() {
 // Wakes every connection thread (their socket operations fail at once) and
 // waits a bounded time for them to finish with this object.
 void CHttpServer::DrainClients() {
-  std::unique_lock<std::mutex> g(Live->Lock);
-  for (PlSocket s : Live->Sockets) PlSockShutdownBoth(s);
-  Live->Done.wait_for(g, std::chrono::milliseconds(kClientDrainMs),
-                      [this] { return Live->Count == 0; });
+  {
+    PlLock g(Live->Lock);
+    for (PlSocket s : Live->Sockets) PlSockShutdownBoth(s);
+  }
+  Live->NoneLeft.Wait(kClientDrainMs);
+  // The last thread sets the event while holding the lock; taking the lock
+  // once more makes sure it has let go before the lock is destroyed.
+  PlLock g(Live->Lock);
 }
 
 void CHttpServer::ClientBegin(HTTPS_CLIENT* client) {
-  std::lock_guard<std::mutex> g(Live->Lock);
+  PlLock g(Live->Lock);
   Live->Sockets.insert(client->Socket->Socket);
-  Live->Count++;
+  if (Live->Count++ == 0) Live->NoneLeft.Reset();
 }
 
 // Called before the socket is closed, so that a reused descriptor number
 // is never shut down by DrainClients.
 void CHttpServer::ClientSocketClosing(HTTPS_CLIENT* client) {
-  std::lock_guard<std::mutex> g(Live->Lock);
+  PlLock g(Live->Lock);
   Live->Sockets.erase(client->Socket->Socket);
 }
 
 // The connection's last touch of the server.
 void CHttpServer::ClientEnd() {
-  std::lock_guard<std::mutex> g(Live->Lock);
-  if (--Live->Count == 0) Live->Done.notify_all();
+  PlLock g(Live->Lock);
+  if (--Live->Count == 0) Live->NoneLeft.Set();
 }
 
 // ---------------------------------------------------------------- registry
@@ -261,8 +268,9 @@ bool CHttpServer::StopListening() {
   if (!IsListening) return true;
   // Shut down first: on Linux a blocked accept only returns for that.
   PlSockShutdownBoth(ListeningSock);
-  if (AcceptingThread) {
-    PlThreadWait(AcceptingThread, 1000);
+  // A thread still busy after a second (a slow TLS handshake) keeps its
+  // handle, so that the destructor can wait for it to leave.
+  if (AcceptingThread && PlThreadWait(AcceptingThread, 1000)) {
     PlThreadClose(AcceptingThread);
     AcceptingThread = nullptr;
   }

@@ -256,6 +256,17 @@ TEST_F(CgiTest, MissingScriptGives404AndStartsNothing) {
   EXPECT_TRUE(fs::exists(marker));  // the same set-up does start it for a real file
 }
 
+TEST_F(CgiTest, InterpreterThatCannotStartLeavesTheServerServing) {
+  StartServer();
+  std::string gone = Scratch / "gone-interpreter";
+  fs::copy_file(EnginesHelperPath(), gone);
+  ASSERT_NE(Srv->Server->Vadd("gone", gone.c_str(), "print x", 8, 1), nullptr);
+  fs::remove(gone);
+  EnginesWriteFile(Home + "/page.gone", "");
+  EXPECT_EQ(EnginesGet(Port(), "/page.gone").Raw, "");  // nothing sent, connection closed
+  EXPECT_EQ(EnginesGet(Port(), "/hello.php").Body, "Hello nobody\n");
+}
+
 TEST_F(CgiTest, ConcurrentRequests) {
   StartServer();
   std::vector<std::thread> threads;
