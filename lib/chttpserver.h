@@ -188,15 +188,18 @@ class CHttpServer {
   int MaxPostLen;
   PlThread* AcceptingThread;
   unsigned long AcceptingThreadID;
-  // Book-keeping of live connection threads, so that the destructor can wake
-  // and wait for them instead of leaving them with a dangling server.
+  // Book-keeping of connection threads, so that a finished one can take the
+  // next connection and the destructor can wake and wait for them instead of
+  // leaving them with a dangling server.
   struct LiveClients* Live;
 
   void AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short remotePort);
   void DrainClients();
-  void ClientBegin(HTTPS_CLIENT* client);
+  bool HandOver(HTTPS_CLIENT* client);
+  static unsigned int ConnectionThread(void* worker);
+  HTTPS_CLIENT* NextConnection(struct ConnWorker* w);
+  void WorkerGone();
   void ClientSocketClosing(HTTPS_CLIENT* client);
-  void ClientEnd();
   void ServeRequest(HTTPS_CLIENT* client);
   bool ReadRequest(HTTPS_CLIENT* client);
   void ParseHeader(HTTPS_CLIENT* client, char* line);

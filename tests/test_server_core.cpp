@@ -26,6 +26,7 @@ struct Seen {
   std::string InUserAgent, User, Password, ContentType, Boundary, Raw;
   int Flags = -1, Method = -1, PostType = -1, PostLen = -1;
   long long ModifiedTm = -1;
+  unsigned Ip = 0, LocalIp = 0;
   bool HadCgi = false;
 
   void Capture(HTTPS_CLIENT* c) {
@@ -48,6 +49,8 @@ struct Seen {
     PostType = c->PostType;
     PostLen = c->PostLen;
     ModifiedTm = (long long)c->ModifiedTm;
+    Ip = c->Ip;
+    LocalIp = c->LocalIp;
     HadCgi = c->Cgi != nullptr;
     Raw = c->Cgi ? std::string(c->Cgi->ArgsRaw.c_str(), (size_t)c->Cgi->ArgsRaw.Len) : "";
   }
@@ -537,6 +540,8 @@ TEST_F(ServerCore, HeadersAreParsedIntoTheClient) {
   EXPECT_EQ(seen.Method, CHttpServer::HTTPS_MET_GET);
   EXPECT_EQ(seen.Arg, "/echo");
   EXPECT_EQ(seen.QueryStr, "a=1&b=%41");
+  EXPECT_EQ(seen.Ip, PlHtonl(0x7f000001));
+  EXPECT_EQ(seen.LocalIp, PlHtonl(0x7f000001));
   EXPECT_EQ(seen.Host, "example.test:81");
   EXPECT_EQ(seen.InAccept, " text/html");  // from right after the colon
   EXPECT_EQ(seen.AcceptLanguage, "fr");
