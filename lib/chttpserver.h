@@ -17,6 +17,8 @@
 
 class CHttpServer;
 struct HTTPS_CLIENT;
+struct LiveClients;  // connection-thread book-keeping, private to the server
+struct ConnWorker;
 
 // Engine callback: func(__https_obj* object, HTTPS_CLIENT* client). It writes
 // the whole reply itself; the server ignores the result and closes.
@@ -191,13 +193,13 @@ class CHttpServer {
   // Book-keeping of connection threads, so that a finished one can take the
   // next connection and the destructor can wake and wait for them instead of
   // leaving them with a dangling server.
-  struct LiveClients* Live;
+  LiveClients* Live;
 
   void AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short remotePort);
   void DrainClients();
   bool HandOver(HTTPS_CLIENT* client);
   static unsigned int ConnectionThread(void* worker);
-  HTTPS_CLIENT* NextConnection(struct ConnWorker* w);
+  HTTPS_CLIENT* NextConnection(ConnWorker* w);
   void WorkerGone();
   void ClientSocketClosing(HTTPS_CLIENT* client);
   void ServeRequest(HTTPS_CLIENT* client);
