@@ -1,4 +1,7 @@
-// Request arguments: a minimal stand-in that keeps the raw query or body.
+// Request arguments: the CCgi list of name/value pairs and ParseArgs, which
+// reads a POST body, finds the object a request names and, for engines,
+// splits a query string, a url-encoded form or a multipart upload into
+// arguments.
 #include "chttpserver.h"
 
 #include <cstring>
@@ -17,8 +20,9 @@ CGI_ARG* CCgi::ArgsAddBin(char* label, char* data, int length) {
   CGI_ARG* arg = new CGI_ARG;
   arg->Next = nullptr;
   arg->Label = label;
-  if (length > 0) arg->Val.Set(data, length);
-  if (LastArg) LastArg->Next = arg; else Args = arg;
+  if (data && length > 0) arg->Val.Set(data, length);
+  if (LastArg) LastArg->Next = arg;
+  else Args = arg;
   LastArg = arg;
   TotArgs++;
   return arg;
@@ -36,24 +40,167 @@ void CCgi::ArgsDelete() {
   TotArgs = 0;
 }
 
+namespace {
+
+// The text that ParseArgs works on: the query or the body, zero-terminated,
+// followed by a zeroed margin. The margin lets the boundary search read a
+// pattern's length past the data without leaving the block.
+class WorkBuffer {
+ public:
+  WorkBuffer(const char* data, int len, int margin) : Len(len) {
+    Buf = new char[len + margin + 1]();
+    if (data && len > 0) memcpy(Buf, data, len);
+  }
+  ~WorkBuffer() { delete[] Buf; }
+  WorkBuffer(const WorkBuffer&) = delete;
+  WorkBuffer& operator=(const WorkBuffer&) = delete;
+
+  char* Buf;
+  int Len;
+};
+
+// "a=1&b=&c=3" style text. Names are kept as they are, values are decoded by
+// ArgsAdd. A name followed directly by "&" has an empty value; a trailing
+// name without "=" becomes one argument without a value.
+void ParseUrlEncoded(CCgi* cgi, char* text) {
+  char empty[1] = {0};
+  char* save = nullptr;
+  char* name = CHttpServer::StrTok(text, "=", &save);
+  while (name) {
+    if (save && *save == '&') {
+      cgi->ArgsAdd(name, empty);
+      name = CHttpServer::StrTok(nullptr, "=", &save);
+      if (name && *name == '&') name++;
+      continue;
+    }
+    char* value = save ? CHttpServer::StrTok(nullptr, "&", &save) : nullptr;
+    cgi->ArgsAdd(name, value ? value : empty);
+    if (!value || !save) break;
+    name = CHttpServer::StrTok(nullptr, "=", &save);
+  }
+}
+
+// One part of a multipart body: where its data starts and what it is called.
+struct PartHead {
+  char* Name;
+  char* Data;
+  bool IsFile;       // has a non-empty file name
+  bool IsEmptyFile;  // a file field sent without a file
+};
+
+// Reads the headers of the part that starts at p. The header text is cut
+// in place (the name's closing quote and the blank line become zeros).
+bool ReadPartHead(char* p, PartHead& part) {
+  char* disp = strstr(p, "Content-Disposition:");
+  if (!disp) return false;
+  char* name = strstr(disp + 20, "name=\"");
+  if (!name) return false;
+  name += 6;
+  char* quote = strchr(name, '"');
+  if (!quote) return false;
+  *quote = 0;
+  char* blank = strstr(quote + 1, "\r\n\r\n");
+  if (!blank) {
+    *quote = '"';  // leave the text whole so later parts are still found
+    return false;
+  }
+  *blank = 0;
+  part.Name = name;
+  part.Data = blank + 4;
+  char* fileName = strstr(quote + 1, "filename=");
+  part.IsFile = fileName && fileName[10] != '"';
+  part.IsEmptyFile = fileName && !part.IsFile;
+  return true;
+}
+
+// Splits a multipart/form-data body into arguments. The stored boundary
+// lacks the first character of the header's value, so a match lands one
+// character into the "CR LF - - boundary" delimiter: the data of a part ends
+// exactly 5 bytes before it. Text fields are cut at the line end before the
+// delimiter and decoded like url-encoded values; files keep their exact bytes.
+void ParseMultipart(CCgi* cgi, char* body, int len, const CStr& boundary) {
+  const char* bnd = boundary.c_str();
+  char* p = body;
+  while ((p = strstr(p, bnd)) != nullptr) {
+    p += boundary.Len;
+    if (*p == '\r') p++;
+    if (*p == '\n') p++;
+    PartHead part;
+    if (!ReadPartHead(p, part)) continue;
+    if (part.IsEmptyFile) {
+      // The cut header would stop the next search short: go on past it.
+      p = part.Data;
+      continue;
+    }
+    int left = len - (int)(part.Data - body);
+    char* end = CHttpServer::MemStr(part.Data, left > 0 ? left : 0, (char*)bnd);
+    if (part.IsFile) {
+      // An upload whose closing delimiter never came is incomplete: dropping
+      // it is better than handing on a truncated file.
+      if (!end) return;
+      cgi->ArgsAddBin(part.Name, part.Data, (int)(end - part.Data) - 5);
+    } else {
+      if (end) {
+        char* cut = end;
+        while (cut > part.Data && *cut != '\n') cut--;
+        if (*cut == '\n') {
+          if (cut > part.Data && cut[-1] == '\r') cut--;
+          *cut = 0;
+        }
+      }
+      cgi->ArgsAdd(part.Name, part.Data);
+      if (!end) return;
+    }
+    p = end;
+  }
+}
+
+}  // namespace
+
 bool CHttpServer::ParseArgs(__https_obj*& object, HTTPS_CLIENT* client, int typeMask) {
   object = nullptr;
-  if (client->Method != HTTPS_MET_POST) {
+  bool isPost = client->Method == HTTPS_MET_POST;
+  if (!isPost && client->QueryStr.IsEmpty()) {
     object = ObjGet(typeMask, client->Arg.c_str());
     return true;
   }
-  CCgi* cgi = new CCgi;
-  client->Cgi = cgi;
-  if (client->PostLen > 0) {
-    CStr body;
-    body.SetLen(client->PostLen);
-    int got = client->Socket->Read(body.Str, client->PostLen);
-    if (got < client->PostLen) {
+  if (isPost && client->PostLen < 0) {
+    // A negative length cannot be read; treat it like a missing one.
+    SendError(client, ErrMsg411, "POST");
+    return false;
+  }
+  int len = isPost ? client->PostLen : client->QueryStr.Len;
+  WorkBuffer work(isPost ? nullptr : client->QueryStr.Str, len, client->Boundary.Len + 1);
+  if (isPost) {
+    PrintLog(client->Ip, "POST \"%s\"", client->Arg.c_str());
+    if (client->Socket->Read(work.Buf, len) < len) {
       SendError(client, ErrMsg413, "Incomplete POST");
       return false;
     }
-    cgi->ArgsRaw = body;
   }
+
   object = ObjGet(typeMask, client->Arg.c_str());
-  return true;
+  if (!object) return true;
+  if ((object->Type & HTTPS_OBJ_VFILE) && !(object->Flags & HTTPS_OBJF_CGI)) {
+    object = nullptr;
+    return true;
+  }
+
+  CCgi* cgi = new CCgi;
+  cgi->ArgsRaw.Set(work.Buf, len);
+  bool result = true;
+  if (object->Type & HTTPS_OBJ_ENGINE) {
+    if (!isPost || client->PostType == HTTPS_POSTENC_WWWFORM) {
+      ParseUrlEncoded(cgi, work.Buf);
+    } else if (client->PostType == HTTPS_POSTENC_MULTIPART && !client->Boundary.IsEmpty()) {
+      ParseMultipart(cgi, work.Buf, len, client->Boundary);
+    } else {
+      result = false;
+    }
+  }
+  // A default document is dispatched a second time; the arguments of the
+  // first pass are replaced, not leaked.
+  delete client->Cgi;
+  client->Cgi = cgi;
+  return result;
 }

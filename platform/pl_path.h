@@ -1,0 +1,22 @@
+// Path rules the HTTP server needs beyond pl_fs.h: a containment test that
+// follows the platform's rules for separators and letter case, and a
+// thread-safe local-time conversion for directory listings.
+#ifndef LUMETTA_PL_PATH_H
+#define LUMETTA_PL_PATH_H
+
+#include <ctime>
+
+#include "pl_fs.h"
+
+// True when path is root itself or lies below it (whole components only:
+// "/srv/www2" is not inside "/srv/www"). Both are compared as given, after
+// the platform's lexical normalisation; no link is followed.
+bool PlPathInside(const char* root, const char* path);
+
+// Thread-safe conversion of a time to the local broken-down time.
+bool PlLocalTime(time_t t, struct tm* out);
+
+// True for the separators the platform's file system accepts.
+inline bool PlPathIsSep(char c) { return c == PL_PATH_SEP || c == '/'; }
+
+#endif
