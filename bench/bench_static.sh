@@ -2,7 +2,8 @@
 # Static-file throughput of our server against nginx and lighttpd on the
 # loopback: a 1 KiB and a 1 MiB file, one request per connection.
 #   bench/bench_static.sh [BUILD_DIR]   (default: build)
-# BENCH_DURATION (wrk -d, default 5s) and BENCH_ROUNDS (default 3) tune it.
+# BENCH_DURATION (wrk -d, default 5s) and BENCH_ROUNDS (default 3) tune it;
+# BENCH_DISPATCH=1 serves our files through the GET dispatch.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build}
@@ -34,8 +35,11 @@ free_port() {
 }
 port_ours=$(free_port); port_nginx=$(free_port); port_lighttpd=$(free_port)
 
-# Our server: one engine per file (SendHeader + SendFile).
-"$serve" "$port_ours" "$work/www" 1k.bin 1m.bin >"$work/ours.log" 2>&1 &
+# Our server: one engine per file (SendHeader + SendFile), or with
+# BENCH_DISPATCH=1 the home directory through the GET dispatch.
+serve_names=(1k.bin 1m.bin)
+[[ ${BENCH_DISPATCH:-0} == 1 ]] && serve_names=()
+"$serve" "$port_ours" "$work/www" "${serve_names[@]}" >"$work/ours.log" 2>&1 &
 pids+=($!)
 
 cat >"$work/nginx/nginx.conf" <<CONF

@@ -4,9 +4,8 @@
 
 #include <atomic>
 #include <climits>
-#include <condition_variable>
-#include <mutex>
 #include <unordered_set>
+#include <vector>
 
 #include "pl_fs.h"
 #include "pl_sendfile.h"
@@ -24,16 +23,32 @@ const size_t kClientStackSize = 256 * 1024;
 // How long the destructor waits for connection threads it has woken.
 const unsigned kClientDrainMs = 5000;
 
+// A connection thread that has finished its connection waits this long for
+// the next one before it ends; starting a thread costs more than the whole
+// reply to a small file. At most kIdleWorkersMax threads wait at a time.
+const unsigned kWorkerIdleMs = 2000;
+const size_t kIdleWorkersMax = 64;
+
 }  // namespace
 
-// Live connection threads of one server: their sockets (to wake them) and
-// their number (to wait for them). Touched once at the start and twice at
-// the end of each connection, never in between.
+// One connection thread. It serves one connection at a time, each from its
+// first byte to its close, and may then be handed the next one.
+struct ConnWorker {
+  PlEvent Wake;
+  HTTPS_CLIENT* Client = nullptr;  // set under LiveClients::Lock
+};
+
+// Connection threads of one server: the sockets being served (to wake
+// them), the threads waiting for a connection, and the number of threads
+// (to wait for them).
 struct LiveClients {
-  std::mutex Lock;
-  std::condition_variable Done;
+  PlMutex Lock;
+  PlEvent NoneLeft;  // set while Threads is 0
   std::unordered_set<PlSocket> Sockets;
-  int Count = 0;
+  std::vector<ConnWorker*> Idle;
+  int Threads = 0;
+  bool Stopping = false;
+  LiveClients() { NoneLeft.Set(); }
 };
 
 CHttpServer::CHttpServer() : Log(nullptr) { Init(); }
@@ -92,6 +107,10 @@ void CHttpServer::Init() {
 
 CHttpServer::~CHttpServer() {
   StopListening();
+  if (AcceptingThread) {
+    PlThreadWait(AcceptingThread, PL_INFINITE);
+    PlThreadClose(AcceptingThread);
+  }
   DrainClients();
   if (SslCtx && OpenSsl.SSL_CTX_free) OpenSsl.SSL_CTX_free(SslCtx);
   delete MimeList;
@@ -100,32 +119,101 @@ CHttpServer::~CHttpServer() {
   delete Live;
 }
 
-// Wakes every connection thread (their socket operations fail at once) and
-// waits a bounded time for them to finish with this object.
+// Wakes every connection thread (their socket operations fail at once, and
+// waiting threads end) and waits a bounded time for them to finish.
 void CHttpServer::DrainClients() {
-  std::unique_lock<std::mutex> g(Live->Lock);
-  for (PlSocket s : Live->Sockets) PlSockShutdownBoth(s);
-  Live->Done.wait_for(g, std::chrono::milliseconds(kClientDrainMs),
-                      [this] { return Live->Count == 0; });
+  {
+    PlLock g(Live->Lock);
+    Live->Stopping = true;
+    for (PlSocket s : Live->Sockets) PlSockShutdownBoth(s);
+    for (ConnWorker* w : Live->Idle) w->Wake.Set();
+  }
+  Live->NoneLeft.Wait(kClientDrainMs);
+  // The last thread sets the event while holding the lock; taking the lock
+  // once more makes sure it has let go before the lock is destroyed.
+  PlLock g(Live->Lock);
 }
 
-void CHttpServer::ClientBegin(HTTPS_CLIENT* client) {
-  std::lock_guard<std::mutex> g(Live->Lock);
-  Live->Sockets.insert(client->Socket->Socket);
-  Live->Count++;
+// Gives the connection to a waiting thread, or starts a new one. False when
+// no thread could take it.
+bool CHttpServer::HandOver(HTTPS_CLIENT* client) {
+  ConnWorker* w;
+  {
+    PlLock g(Live->Lock);
+    Live->Sockets.insert(client->Socket->Socket);
+    if (!Live->Idle.empty()) {
+      // Woken under the lock, so that the thread cannot see a late wake-up
+      // after it has parked again.
+      w = Live->Idle.back();
+      Live->Idle.pop_back();
+      w->Client = client;
+      w->Wake.Set();
+      return true;
+    }
+    if (Live->Threads++ == 0) Live->NoneLeft.Reset();
+  }
+  w = new ConnWorker;
+  w->Client = client;
+  PlThread* thread = PlThreadStart(ConnectionThread, w, kClientStackSize);
+  if (!thread) {
+    delete w;
+    PlLock g(Live->Lock);
+    Live->Sockets.erase(client->Socket->Socket);
+    WorkerGone();
+    return false;
+  }
+  // The thread's records live on their own; the handle is not needed.
+  PlThreadClose(thread);
+  return true;
+}
+
+unsigned int CHttpServer::ConnectionThread(void* arg) {
+  ConnWorker* w = static_cast<ConnWorker*>(arg);
+  CHttpServer* srv = w->Client->CHttpServerEx;
+  while (w->Client) {
+    ClientEx(w->Client);
+    w->Client = srv->NextConnection(w);
+  }
+  delete w;
+  return 0;
+}
+
+// Parks the thread until the accepting thread hands it a connection. Null
+// means the thread is to end; it has then been counted out.
+HTTPS_CLIENT* CHttpServer::NextConnection(ConnWorker* w) {
+  {
+    PlLock g(Live->Lock);
+    w->Client = nullptr;
+    if (Live->Stopping || Live->Idle.size() >= kIdleWorkersMax) {
+      WorkerGone();
+      return nullptr;
+    }
+    w->Wake.Reset();
+    Live->Idle.push_back(w);
+  }
+  w->Wake.Wait(kWorkerIdleMs);
+  PlLock g(Live->Lock);
+  if (w->Client) return w->Client;
+  // Timed out or told to stop: leave the waiting list before ending.
+  for (size_t i = 0; i < Live->Idle.size(); ++i) {
+    if (Live->Idle[i] != w) continue;
+    Live->Idle.erase(Live->Idle.begin() + (long)i);
+    break;
+  }
+  WorkerGone();
+  return nullptr;
+}
+
+// Counts a thread out; called with the lock held.
+void CHttpServer::WorkerGone() {
+  if (--Live->Threads == 0) Live->NoneLeft.Set();
 }
 
 // Called before the socket is closed, so that a reused descriptor number
 // is never shut down by DrainClients.
 void CHttpServer::ClientSocketClosing(HTTPS_CLIENT* client) {
-  std::lock_guard<std::mutex> g(Live->Lock);
+  PlLock g(Live->Lock);
   Live->Sockets.erase(client->Socket->Socket);
-}
-
-// The connection's last touch of the server.
-void CHttpServer::ClientEnd() {
-  std::lock_guard<std::mutex> g(Live->Lock);
-  if (--Live->Count == 0) Live->Done.notify_all();
 }
 
 // ---------------------------------------------------------------- registry
@@ -261,8 +349,9 @@ bool CHttpServer::StopListening() {
   if (!IsListening) return true;
   // Shut down first: on Linux a blocked accept only returns for that.
   PlSockShutdownBoth(ListeningSock);
-  if (AcceptingThread) {
-    PlThreadWait(AcceptingThread, 1000);
+  // A thread still busy after a second (a slow TLS handshake) keeps its
+  // handle, so that the destructor can wait for it to leave.
+  if (AcceptingThread && PlThreadWait(AcceptingThread, 1000)) {
     PlThreadClose(AcceptingThread);
     AcceptingThread = nullptr;
   }
@@ -291,13 +380,17 @@ unsigned int CHttpServer::StartAcceptingEx(void* arg) {
 }
 
 void CHttpServer::AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short remotePort) {
+  // The local address is only needed here for the admission hook; without
+  // one the connection thread looks it up, off this serial path.
   unsigned localAddr = 0;
   unsigned short localPort = 0;
-  PlSockLocalAddr(sock, &localAddr, &localPort);
-  if (OnConnect && !OnConnect((int)localAddr, (int)remoteAddr, (int)remotePort)) {
-    PlSockShutdownSend(sock);
-    PlSockClose(sock);
-    return;
+  if (OnConnect) {
+    PlSockLocalAddr(sock, &localAddr, &localPort);
+    if (!OnConnect((int)localAddr, (int)remoteAddr, (int)remotePort)) {
+      PlSockShutdownSend(sock);
+      PlSockClose(sock);
+      return;
+    }
   }
   HTTPS_CLIENT* client = new HTTPS_CLIENT();
   client->CHttpServerEx = this;
@@ -318,16 +411,10 @@ void CHttpServer::AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short r
   client->Ip = remoteAddr;
   client->Port = remotePort;
   client->LocalIp = localAddr;
-  ClientBegin(client);
-  PlThread* thread = PlThreadStart(ClientEx, client, kClientStackSize);
-  if (!thread) {
-    ClientSocketClosing(client);
+  // From here on the connection thread owns the client and may already have
+  // freed it.
+  if (!HandOver(client)) {
     delete client->Socket;
     delete client;
-    ClientEnd();
-    return;
   }
-  // The connection thread owns the client from here on and may already have
-  // freed it, so the handle is not stored there; release it now.
-  PlThreadClose(thread);
 }

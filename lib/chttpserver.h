@@ -17,6 +17,8 @@
 
 class CHttpServer;
 struct HTTPS_CLIENT;
+struct LiveClients;  // connection-thread book-keeping, private to the server
+struct ConnWorker;
 
 // Engine callback: func(__https_obj* object, HTTPS_CLIENT* client). It writes
 // the whole reply itself; the server ignores the result and closes.
@@ -188,15 +190,18 @@ class CHttpServer {
   int MaxPostLen;
   PlThread* AcceptingThread;
   unsigned long AcceptingThreadID;
-  // Book-keeping of live connection threads, so that the destructor can wake
-  // and wait for them instead of leaving them with a dangling server.
-  struct LiveClients* Live;
+  // Book-keeping of connection threads, so that a finished one can take the
+  // next connection and the destructor can wake and wait for them instead of
+  // leaving them with a dangling server.
+  LiveClients* Live;
 
   void AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short remotePort);
   void DrainClients();
-  void ClientBegin(HTTPS_CLIENT* client);
+  bool HandOver(HTTPS_CLIENT* client);
+  static unsigned int ConnectionThread(void* worker);
+  HTTPS_CLIENT* NextConnection(ConnWorker* w);
+  void WorkerGone();
   void ClientSocketClosing(HTTPS_CLIENT* client);
-  void ClientEnd();
   void ServeRequest(HTTPS_CLIENT* client);
   bool ReadRequest(HTTPS_CLIENT* client);
   void ParseHeader(HTTPS_CLIENT* client, char* line);

@@ -81,6 +81,10 @@ unsigned int CHttpServer::ClientEx(void* arg) {
   HTTPS_CLIENT* client = static_cast<HTTPS_CLIENT*>(arg);
   CHttpServer* srv = client->CHttpServerEx;
   client->ThreadID = PlThreadCurrentId();
+  if (!client->LocalIp) {
+    unsigned short localPort = 0;
+    PlSockLocalAddr(client->Socket->Socket, &client->LocalIp, &localPort);
+  }
   // This thread is where everything thrown by an engine or the socket stops.
   try {
     srv->ServeRequest(client);
@@ -95,7 +99,6 @@ unsigned int CHttpServer::ClientEx(void* arg) {
   } catch (...) {
   }
   delete client;
-  srv->ClientEnd();
   return 0;
 }
 

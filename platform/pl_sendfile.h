@@ -8,9 +8,10 @@
 
 #include "pl_net.h"
 
-// Sends f from its current position to its end to s without a user-space
-// copy where the platform allows it. Returns the number of bytes sent, or
-// -1 when the socket failed (a file read error ends the copy like its end).
+// Sends the whole of the freshly opened file f to s without a user-space
+// copy where the platform allows it; f is only fit for closing afterwards.
+// Returns the number of bytes sent, or -1 when the socket failed (a file
+// read error ends the copy like the file's end).
 long long PlSendFile(PlSocket s, FILE* f);
 // Shuts s down for sending and receiving. On a listening socket this makes
 // a blocked accept return at once, which closing alone does not do on Linux.

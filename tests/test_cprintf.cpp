@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cprintf.h"
+#include "cstr.h"
 
 namespace {
 
@@ -93,6 +94,16 @@ TEST(QsPrintf, StringsAndCharacters) {
   EXPECT_EQ(Fmt("%.3s", raw), "abc");
   EXPECT_EQ(Fmt("[%.4c][%.0c][%3c]", 'x', 'y', 'z'), "[xxxx][][  z]");
   EXPECT_EQ(Fmt("100%%"), "100%");
+}
+
+TEST(QsPrintf, CStrArgument) {
+  CStr name("lumetta"), empty;
+  EXPECT_EQ(Fmt("<%a><%9a><%-9a><%.3a>", &name, &name, &name, &name), "<lumetta><  lumetta><lumetta  ><lum>");
+  EXPECT_EQ(Fmt("<%a><%a>", &empty, (CStr*)nullptr), "<><>");
+  CStr binary("a\0b", 3);  // the length counts, not the terminator
+  std::string out;
+  EXPECT_EQ(Count(&out, "%a", &binary), 3);
+  EXPECT_EQ(out, std::string("a\0b", 3));
 }
 
 TEST(QsPrintf, SqlQuoting) {

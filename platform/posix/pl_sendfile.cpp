@@ -9,8 +9,10 @@
 
 long long PlSendFile(PlSocket s, FILE* f) {
   int in = fileno(f);
-  off_t offset = ftello(f);
-  if (in < 0 || offset < 0) return 0;
+  if (in < 0) return 0;
+  // The kernel reads through its own offset, so the stream's position and
+  // buffer are left alone (and stay stale: the caller only closes it).
+  off_t offset = 0;
   long long sent = 0;
   for (;;) {
     // One call moves at most about 2 GiB; 0 means the end of the file.
@@ -19,14 +21,11 @@ long long PlSendFile(PlSocket s, FILE* f) {
       sent += n;
       continue;
     }
-    if (n == 0) break;
+    if (n == 0) return sent;
     if (errno == EINTR) continue;
-    if (errno == EINVAL || errno == ENOSYS) break;  // not a regular file: treat as end
-    fseeko(f, offset, SEEK_SET);
+    if (errno == EINVAL || errno == ENOSYS) return sent;  // not a regular file: treat as end
     return -1;
   }
-  fseeko(f, offset, SEEK_SET);
-  return sent;
 }
 
 void PlSockShutdownBoth(PlSocket s) {

@@ -1,0 +1,60 @@
+// Child processes with redirected standard streams, and the anonymous pipes
+// that carry them. A command line is one string in the Windows layout: on
+// POSIX it is split into words by the same rules, so callers write one form.
+#ifndef LUMETTA_PL_PROCESS_H
+#define LUMETTA_PL_PROCESS_H
+
+// A pipe end: a descriptor on POSIX, a HANDLE on Windows.
+typedef long long PlFile;
+const PlFile PL_NO_FILE = -1;
+
+// Creates an anonymous pipe. childEnd names the end a child will receive
+// (0 the read end, 1 the write end); our own end is never inherited.
+bool PlPipeCreate(PlFile* readEnd, PlFile* writeEnd, int childEnd);
+// One blocking read: bytes read, 0 at the end (or a broken pipe), -1 on error.
+int PlPipeRead(PlFile f, void* buf, unsigned n);
+// Writes all n bytes; false when the pipe broke or failed. Never raises
+// SIGPIPE in the caller.
+bool PlPipeWrite(PlFile f, const void* buf, unsigned n);
+void PlPipeClose(PlFile f);
+
+struct PlProcessStartInfo {
+  const char* CmdLine = nullptr;  // program and arguments, Windows quoting rules
+  const char* CurDir = nullptr;   // null or empty: the caller's directory
+  const char* Env = nullptr;      // "A=1\0B=2\0\0" block; null inherits ours
+  PlFile StdIn = PL_NO_FILE;      // PL_NO_FILE: the child inherits ours
+  PlFile StdOut = PL_NO_FILE;
+  PlFile StdErr = PL_NO_FILE;
+  bool NoWindow = false;          // no console window (Windows only)
+  bool Debug = false;             // watch for a crash of the child
+  int Priority = 0;               // class as in PlProcessSetPriority, from the first instruction
+};
+
+struct PlProc;  // opaque; one per started child
+
+// Starts a child. Null when it could not be started (program not found, not
+// executable, bad directory). On POSIX the child leads a process group of its
+// own, so a time-out also ends whatever it started.
+PlProc* PlProcessStart(const PlProcessStartInfo& info);
+
+enum PlWaitResult {
+  PL_PROC_RUNNING = 0,  // the time ran out, the child still runs
+  PL_PROC_EXITED = 1,
+  PL_PROC_CRASHED = 2   // ended by a crash (debug mode only)
+};
+// Waits for the child at most timeoutMs (PL_PROC_INFINITE: no limit). Only the
+// thread that started the child may wait for it (the Windows debug loop).
+PlWaitResult PlProcessWait(PlProc* p, unsigned timeoutMs);
+const unsigned PL_PROC_INFINITE = 0xFFFFFFFFu;
+
+// Ends the child at once; exitCode is what PlProcessExitCode reports. Safe
+// to call from any thread, also after the child has ended (then a no-op).
+void PlProcessTerminate(PlProc* p, unsigned exitCode);
+// Exit code once the child has ended; 128 + signal for a POSIX signal death.
+unsigned PlProcessExitCode(PlProc* p);
+// cls: 0 normal, 1 above normal, 2 below normal. False when refused.
+bool PlProcessSetPriority(PlProc* p, int cls);
+// Releases the record. The child must have been waited for.
+void PlProcessClose(PlProc* p);
+
+#endif

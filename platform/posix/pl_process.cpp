@@ -1,0 +1,343 @@
+// POSIX children through posix_spawn. The Windows-layout command line is
+// split into words here; the program is looked up on PATH when it names no
+// directory. Every descriptor we create is close-on-exec, so a child started
+// by another thread never keeps one of our pipe ends open.
+#include "pl_process.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+struct PlProc {
+  pid_t Pid = -1;
+  int PidFd = -1;  // readable once the child has ended; -1 without pidfd support
+  bool Debug = false;
+  std::mutex M;    // guards the fields below against Terminate from other threads
+  bool Reaped = false;
+  bool Terminated = false;
+  bool Crashed = false;
+  unsigned TermCode = 0;
+  unsigned ExitCode = 0;
+};
+
+// ---------------------------------------------------------------- pipes
+
+// Keeps pipe ends off descriptors 0-2, so that mapping one pipe onto the
+// child's standard streams can never overwrite another.
+static int MoveAboveStdio(int fd) {
+  if (fd > 2) return fd;
+  int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+  close(fd);
+  return moved;
+}
+
+bool PlPipeCreate(PlFile* readEnd, PlFile* writeEnd, int /*childEnd*/) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) return false;
+  fds[0] = MoveAboveStdio(fds[0]);
+  fds[1] = MoveAboveStdio(fds[1]);
+  if (fds[0] < 0 || fds[1] < 0) {
+    if (fds[0] >= 0) close(fds[0]);
+    if (fds[1] >= 0) close(fds[1]);
+    return false;
+  }
+  *readEnd = fds[0];
+  *writeEnd = fds[1];
+  return true;
+}
+
+int PlPipeRead(PlFile f, void* buf, unsigned n) {
+  for (;;) {
+    ssize_t r = read((int)f, buf, n);
+    if (r >= 0) return (int)r;
+    if (errno != EINTR) return -1;
+  }
+}
+
+bool PlPipeWrite(PlFile f, const void* buf, unsigned n) {
+  // A child that has gone would raise SIGPIPE and end the whole server:
+  // block it for this thread and swallow the one our write caused.
+  sigset_t pipeSet, oldMask, pending;
+  sigemptyset(&pipeSet);
+  sigaddset(&pipeSet, SIGPIPE);
+  sigpending(&pending);
+  bool wasPending = sigismember(&pending, SIGPIPE) == 1;
+  pthread_sigmask(SIG_BLOCK, &pipeSet, &oldMask);
+  const char* p = static_cast<const char*>(buf);
+  bool ok = true, broken = false;
+  while (n > 0) {
+    ssize_t w = write((int)f, p, n);
+    if (w < 0) {
+      if (errno == EINTR) continue;
+      broken = errno == EPIPE;
+      ok = false;
+      break;
+    }
+    p += w;
+    n -= (unsigned)w;
+  }
+  if (broken && !wasPending) {
+    struct timespec zero = {0, 0};
+    sigtimedwait(&pipeSet, nullptr, &zero);
+  }
+  pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
+  return ok;
+}
+
+void PlPipeClose(PlFile f) {
+  if (f != PL_NO_FILE) close((int)f);
+}
+
+// ---------------------------------------------------------------- command line
+
+// Windows argument rules: blanks separate words outside quotes; 2n
+// backslashes before a quote give n backslashes and the quote delimits;
+// 2n+1 give n backslashes and a literal quote; "" inside quotes is a literal
+// quote; any other backslash is literal.
+static std::vector<std::string> SplitCommandLine(const char* s) {
+  std::vector<std::string> words;
+  const char* p = s;
+  for (;;) {
+    while (*p == ' ' || *p == '\t') p++;
+    if (!*p) break;
+    std::string word;
+    bool quoted = false;
+    while (*p && (quoted || (*p != ' ' && *p != '\t'))) {
+      if (*p == '\\') {
+        size_t n = 0;
+        while (p[n] == '\\') n++;
+        if (p[n] == '"') {
+          word.append(n / 2, '\\');
+          p += n;
+          if (n % 2) {
+            word += '"';
+            p++;
+          }
+        } else {
+          word.append(n, '\\');
+          p += n;
+        }
+      } else if (*p == '"') {
+        if (quoted && p[1] == '"') {
+          word += '"';
+          p += 2;
+        } else {
+          quoted = !quoted;
+          p++;
+        }
+      } else {
+        word += *p++;
+      }
+    }
+    words.push_back(word);
+  }
+  return words;
+}
+
+static bool IsExecutableFile(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+// Where the program lies: a name with a '/' is taken as a path (a relative
+// one against our own directory, as the Windows loader does, not the child's
+// working directory); a bare name is searched on PATH. Empty when not found.
+static std::string ResolveProgram(const std::string& name) {
+  if (name.empty()) return std::string();
+  if (name.find('/') != std::string::npos) {
+    std::string path = name;
+    if (path[0] != '/') {
+      char cwd[4096];
+      if (!getcwd(cwd, sizeof cwd)) return std::string();
+      path = std::string(cwd) + "/" + path;
+    }
+    return IsExecutableFile(path) ? path : std::string();
+  }
+  const char* envPath = getenv("PATH");
+  std::string dirs = envPath ? envPath : "/usr/local/bin:/usr/bin:/bin";
+  size_t start = 0;
+  for (;;) {
+    size_t colon = dirs.find(':', start);
+    std::string dir = dirs.substr(start, colon == std::string::npos ? std::string::npos : colon - start);
+    if (dir.empty()) dir = ".";
+    std::string candidate = dir + "/" + name;
+    if (IsExecutableFile(candidate)) return candidate;
+    if (colon == std::string::npos) break;
+    start = colon + 1;
+  }
+  return std::string();
+}
+
+static std::vector<char*> EnvVector(const char* block) {
+  std::vector<char*> env;
+  for (const char* p = block; *p; p += strlen(p) + 1) env.push_back(const_cast<char*>(p));
+  env.push_back(nullptr);
+  return env;
+}
+
+// ---------------------------------------------------------------- processes
+
+static bool SpawnChild(const PlProcessStartInfo& info, const std::string& program,
+                       std::vector<std::string>& words, pid_t* pid) {
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attr;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_init(&attr);
+  if (info.StdIn != PL_NO_FILE) posix_spawn_file_actions_adddup2(&actions, (int)info.StdIn, 0);
+  if (info.StdOut != PL_NO_FILE) posix_spawn_file_actions_adddup2(&actions, (int)info.StdOut, 1);
+  if (info.StdErr != PL_NO_FILE) posix_spawn_file_actions_adddup2(&actions, (int)info.StdErr, 2);
+  if (info.CurDir && *info.CurDir) posix_spawn_file_actions_addchdir_np(&actions, info.CurDir);
+
+  // A fresh signal state: our threads may block or ignore signals (SIGPIPE
+  // above all) and the child must not inherit that.
+  sigset_t noSignals, allSignals;
+  sigemptyset(&noSignals);
+  sigfillset(&allSignals);
+  posix_spawnattr_setsigmask(&attr, &noSignals);
+  posix_spawnattr_setsigdefault(&attr, &allSignals);
+  posix_spawnattr_setpgroup(&attr, 0);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(&w[0]);
+  argv.push_back(nullptr);
+  std::vector<char*> env;
+  if (info.Env) env = EnvVector(info.Env);
+  char** envp = info.Env ? env.data() : environ;
+
+  int rc = posix_spawn(pid, program.c_str(), &actions, &attr, argv.data(), envp);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attr);
+  return rc == 0;
+}
+
+// Nice values that match the three Windows classes in spirit. Raising
+// above normal needs privileges a desktop user rarely has.
+static const int kNice[] = {0, -5, 5};
+
+PlProc* PlProcessStart(const PlProcessStartInfo& info) {
+  if (!info.CmdLine) return nullptr;
+  std::vector<std::string> words = SplitCommandLine(info.CmdLine);
+  if (words.empty()) return nullptr;
+  std::string program = ResolveProgram(words[0]);
+  if (program.empty()) return nullptr;
+  // Linux keeps a nice value per thread and a child starts with its
+  // parent thread's: lowering the starting thread (a watcher that does
+  // nothing else) makes the child low from its first instruction.
+  if (info.Priority == 2) setpriority(PRIO_PROCESS, (id_t)syscall(SYS_gettid), kNice[2]);
+  pid_t pid;
+  if (!SpawnChild(info, program, words, &pid)) return nullptr;
+  PlProc* p = new PlProc;
+  p->Pid = pid;
+  p->Debug = info.Debug;
+  p->PidFd = (int)syscall(SYS_pidfd_open, pid, 0);
+  if (info.Priority == 1) PlProcessSetPriority(p, 1);
+  return p;
+}
+
+static bool IsCrashSignal(int sig) {
+  return sig == SIGSEGV || sig == SIGBUS || sig == SIGILL || sig == SIGFPE || sig == SIGABRT;
+}
+
+// Collects the child's status when it has ended. Done under the lock so
+// that Terminate never signals a process id that has been handed back.
+static bool TryReap(PlProc* p) {
+  std::lock_guard<std::mutex> g(p->M);
+  if (p->Reaped) return true;
+  int st = 0;
+  pid_t r;
+  do {
+    r = waitpid(p->Pid, &st, WNOHANG);
+  } while (r < 0 && errno == EINTR);
+  if (r == 0) return false;
+  p->Reaped = true;
+  if (r < 0) return true;  // reaped elsewhere (SIGCHLD ignored): nothing known
+  if (WIFEXITED(st)) {
+    p->ExitCode = (unsigned)WEXITSTATUS(st);
+  } else if (WIFSIGNALED(st)) {
+    int sig = WTERMSIG(st);
+    if (p->Terminated && sig == SIGKILL) {
+      p->ExitCode = p->TermCode;
+    } else {
+      p->ExitCode = 128u + (unsigned)sig;
+      p->Crashed = p->Debug && IsCrashSignal(sig);
+    }
+  }
+  return true;
+}
+
+static uint64_t NowMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return (uint64_t)ts.tv_sec * 1000u + (uint64_t)ts.tv_nsec / 1000000u;
+}
+
+PlWaitResult PlProcessWait(PlProc* p, unsigned timeoutMs) {
+  uint64_t deadline = NowMs() + timeoutMs;
+  int backoffMs = 1;  // polling step when the kernel has no pidfd
+  for (;;) {
+    if (TryReap(p)) return p->Crashed ? PL_PROC_CRASHED : PL_PROC_EXITED;
+    int slice = -1;
+    if (timeoutMs != PL_PROC_INFINITE) {
+      uint64_t now = NowMs();
+      if (now >= deadline) return PL_PROC_RUNNING;
+      slice = (int)(deadline - now);
+    }
+    if (p->PidFd >= 0) {
+      struct pollfd pfd = {p->PidFd, POLLIN, 0};
+      poll(&pfd, 1, slice);
+    } else {
+      if (slice < 0 || slice > backoffMs) slice = backoffMs;
+      usleep((useconds_t)slice * 1000u);
+      if (backoffMs < 50) backoffMs *= 2;
+    }
+  }
+}
+
+void PlProcessTerminate(PlProc* p, unsigned exitCode) {
+  std::lock_guard<std::mutex> g(p->M);
+  if (p->Reaped) return;
+  p->Terminated = true;
+  p->TermCode = exitCode;
+  // The whole group: a shell script's own children go with it and release
+  // the output pipe.
+  if (kill(-p->Pid, SIGKILL) != 0) kill(p->Pid, SIGKILL);
+}
+
+unsigned PlProcessExitCode(PlProc* p) {
+  std::lock_guard<std::mutex> g(p->M);
+  return p->ExitCode;
+}
+
+bool PlProcessSetPriority(PlProc* p, int cls) {
+  if (cls < 0 || cls > 2) return false;
+  std::lock_guard<std::mutex> g(p->M);
+  if (p->Reaped) return false;
+  return setpriority(PRIO_PROCESS, (id_t)p->Pid, kNice[cls]) == 0;
+}
+
+void PlProcessClose(PlProc* p) {
+  if (!p) return;
+  if (!TryReap(p)) {  // never leave a zombie behind
+    PlProcessTerminate(p, 1);
+    PlProcessWait(p, PL_PROC_INFINITE);
+  }
+  if (p->PidFd >= 0) close(p->PidFd);
+  delete p;
+}

@@ -1,0 +1,3 @@
+<?php
+header('Content-Type: text/plain');
+foreach (getenv() as $name => $value) echo $name, '=', $value, "\n";

@@ -1,0 +1,2 @@
+<?php
+echo "Hello ", htmlspecialchars($_GET['name'] ?? 'nobody'), "\n";

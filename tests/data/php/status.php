@@ -1,0 +1,3 @@
+<?php
+header('Status: 404 Not Found');
+echo "gone";

@@ -1,0 +1,20 @@
+# Child programs the pipe stream, gateway and run-wrapper tests start. They are
+# built without sanitizers: a crash must end them by its signal, not by a
+# sanitizer report.
+add_executable(pipe_helper ${CMAKE_CURRENT_SOURCE_DIR}/helpers/pipe_helper.cpp)
+set_target_properties(pipe_helper PROPERTIES
+  COMPILE_OPTIONS "-Wall;-Wextra"
+  LINK_OPTIONS ""
+  RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/helpers)
+foreach(t test_cpipestream test_cgiwrapper test_runwrapper)
+  if(TARGET ${t})
+    add_dependencies(${t} pipe_helper)
+  endif()
+endforeach()
+if(TARGET lumetta_testsupport)
+  target_compile_definitions(lumetta_testsupport PRIVATE
+    LUMETTA_HELPER_DIR="${CMAKE_BINARY_DIR}/tests/helpers")
+endif()
+if(TARGET lumetta_testsupport AND TARGET lumetta_engines)
+  target_link_libraries(lumetta_testsupport PUBLIC lumetta_engines)
+endif()
