@@ -13,8 +13,10 @@
 //
 //   db.Insert("people", "name", "Ann", "age", "31", (const char*)NULL);
 //
-// Values are quoted as SQL text literals and table/column names as quoted
-// identifiers (embedded quotes doubled), so no value can end its quotes early.
+// Values (and the key of Update, Delete and BlobPutID) are quoted as SQL text
+// literals, table and column names as quoted identifiers, embedded quotes
+// doubled, so nothing a user types can end its quotes early. A key compared
+// as text still matches an INTEGER key column through SQLite's affinity.
 #ifndef LUMETTA_CDATABASE_H
 #define LUMETTA_CDATABASE_H
 

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <iterator>
+#include <filesystem>
 #include <string>
 
 #include "cerror.h"
@@ -67,6 +69,11 @@ class TlsTest : public ::testing::Test {
 
 ExtrasTempDir* TlsTest::Dir = nullptr;
 std::string TlsTest::Cert, TlsTest::Key, TlsTest::OtherKey;
+
+int OpenDescriptors() {
+  std::filesystem::directory_iterator fds("/proc/self/fd");
+  return (int)std::distance(fds, std::filesystem::directory_iterator());
+}
 
 bool WaitFor(const std::atomic<int>& value, int target, int timeoutMs) {
   for (int waited = 0; value.load() < target && waited < timeoutMs; waited += 10) PlSleepMs(10);
@@ -139,6 +146,7 @@ TEST_F(TlsTest, RealClientsAndAFailedHandshake) {
   // A plain client on the TLS port: the handshake fails, the server reports
   // it and goes on serving.
   SslErrors = 0;
+  int descriptors = OpenDescriptors();
   {
     CSocket plain;
     plain.Connect("127.0.0.1", port);
@@ -150,6 +158,7 @@ TEST_F(TlsTest, RealClientsAndAFailedHandshake) {
   }
   EXPECT_TRUE(WaitFor(SslErrors, 1, 10000));
   EXPECT_EQ(LastSslErrorCode.load(), 1);
+  EXPECT_EQ(OpenDescriptors(), descriptors);  // the rejected socket is closed
   EXPECT_EQ(Curl(port), "hello over tls");
 
   // A second server in the same process shares the binding.
