@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "cerror.h"
 #include "cprintf.h"
@@ -144,11 +145,13 @@ bool ReadLine(S& s, CStr& line, Unread unread) {
   }
 }
 
-char* FormatArgs(const char* fmt, va_list ap) {
-  if (!fmt) Fail(CERR_GEN_MISSINGARGUMENT);
-  char* text = QsVmPrintf(fmt, ap);
+// Writes a heap text from the formatting engine and releases it, also when
+// the write throws.
+template <class S>
+int PutFormatted(S& s, char* text) {
+  std::unique_ptr<char, void (*)(void*)> hold(text, free);
   if (!text) Fail(CERR_GEN_MEMORY);
-  return text;
+  return s.Puts(text);
 }
 
 }  // namespace
@@ -298,25 +301,12 @@ int CFileStream::Puts(const char* s) {
 }
 
 int CFileStream::Printf(const char* fmt, ...) {
+  if (!fmt) Fail(CERR_GEN_MISSINGARGUMENT);
   va_list ap;
   va_start(ap, fmt);
-  char* text = nullptr;
-  try {
-    text = FormatArgs(fmt, ap);
-  } catch (...) {
-    va_end(ap);
-    throw;
-  }
+  char* text = QsVmPrintf(fmt, ap);
   va_end(ap);
-  int n = 0;
-  try {
-    n = Puts(text);
-  } catch (...) {
-    free(text);
-    throw;
-  }
-  free(text);
-  return n;
+  return PutFormatted(*this, text);
 }
 
 long long CFileStream::Seek(int offset, int whence) {
@@ -510,25 +500,12 @@ int CMemStream::Puts(const char* s) {
 }
 
 int CMemStream::Printf(const char* fmt, ...) {
+  if (!fmt) Fail(CERR_GEN_MISSINGARGUMENT);
   va_list ap;
   va_start(ap, fmt);
-  char* text = nullptr;
-  try {
-    text = FormatArgs(fmt, ap);
-  } catch (...) {
-    va_end(ap);
-    throw;
-  }
+  char* text = QsVmPrintf(fmt, ap);
   va_end(ap);
-  int n = 0;
-  try {
-    n = Puts(text);
-  } catch (...) {
-    free(text);
-    throw;
-  }
-  free(text);
-  return n;
+  return PutFormatted(*this, text);
 }
 
 long long CMemStream::Seek(int offset, int whence) {
