@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "cerror.h"
 
@@ -182,16 +183,10 @@ void CHttpClient::ReadChunked(CMemList& body, char* buf) {
 CMem* CHttpClient::ReadBody(bool lengthKnown) {
   CurLen = 0;
   int block = (int)(BlockSize < kMaxBlock ? BlockSize : kMaxBlock);
-  char* buf = new char[(size_t)block];
+  std::unique_ptr<char[]> buf(new char[(size_t)block]);
   CMemList body;
-  try {
-    if (TransferEnc) ReadChunked(body, buf);
-    else ReadCounted(body, buf, TotalLen, !lengthKnown);
-  } catch (...) {
-    delete[] buf;
-    throw;
-  }
-  delete[] buf;
+  if (TransferEnc) ReadChunked(body, buf.get());
+  else ReadCounted(body, buf.get(), TotalLen, !lengthKnown);
   CMem* all = body.ToCMem();
   return all ? all : new CMem();
 }
