@@ -128,6 +128,25 @@ void RegisterMimeTypes(CHttpServer* s) {
   }
 }
 
+// The ".php" handler. Without an interpreter the player still starts, but
+// says so, and PHP pages go to the gateway (which fails to start one)
+// rather than being served as source text.
+void RegisterPhp() {
+  PhpCommand cmd = FindPhpCommand();
+  if (cmd.Found) {
+    HttpServer->Vadd("php", cmd.Interpreter.c_str(), cmd.Args.c_str(), 8, 1);
+    return;
+  }
+  Error("PHP is switched on but no PHP interpreter was found.\n"
+        "Looked for %s and for php-cgi on the PATH.", cmd.Interpreter.c_str());
+  __https_obj* obj = HttpServer->ObjList->Add();
+  obj->Alias = "php";
+  obj->Path = cmd.Interpreter;
+  obj->Args = cmd.Args;
+  obj->Type = 8;
+  obj->Flags = 1;
+}
+
 // HOMEDIR, PORT and PHP, in this order, then the index files and types.
 void ConfigureServer() {
   CStr home;
@@ -142,11 +161,11 @@ void ConfigureServer() {
   HttpServer->SetPortA(static_cast<unsigned short>(ReadIniInt(INI_PORT)));
   HttpServer->CacheExpire = 0;
   HttpServer->ServerName = "Lumetta Server";
+  // Forms of a desktop application carry files: the server's default body
+  // limit of 4 KiB would refuse nearly every upload.
+  HttpServer->SetMaxPostLen(kPlayerMaxPostLen);
   bool php = ReadIniInt(INI_PHP) != 0;
-  if (php) {
-    PhpCommand cmd = FindPhpCommand();
-    HttpServer->Vadd("php", cmd.Interpreter.c_str(), cmd.Args.c_str(), 8, 1);
-  }
+  if (php) RegisterPhp();
   HttpServer->DefDocs.Add("index.htm");
   HttpServer->DefDocs.Add("index.html");
   if (php) HttpServer->DefDocs.Add("index.php");
@@ -202,19 +221,12 @@ CStr StartAddress(int port, const CStr& startPage) {
 
 PhpCommand FindPhpCommand() {
   PhpCommand cmd;
-  if (FindPhpInterpreter(ProgDir, cmd.Interpreter, cmd.Args)) {
-    // The server registers a handler only for an interpreter file that
-    // exists, tested on the path as given: quotes are needed only around a
-    // path with blanks for the gateway's command line.
-    CStr& exe = cmd.Interpreter;
-    if (exe.Len >= 2 && exe.First() == '"' && exe.Last() == '"' && exe.FindChar(' ') < 0)
-      exe = exe.SubStr(1, exe.Len - 2);
-    return cmd;
+  cmd.Found = FindPhpInterpreter(ProgDir, cmd.Interpreter, cmd.Args);
+  if (!cmd.Found) {
+    cmd.Interpreter = ProgDir + "/Php5/php-cgi";
+    cmd.Interpreter.NativePath();
+    cmd.Args = CStr("-c \"") + ProgDir + "/Php5/php.ini\"";
   }
-  // Nothing to run PHP with: register the bundled location all the same, so
-  // the player starts and PHP pages fail in the gateway with a clear reply.
-  cmd.Interpreter = ProgDir + "/Php5/php-cgi";
-  cmd.Args = CStr("-c \"") + ProgDir + "/Php5/php.ini\"";
   return cmd;
 }
 

@@ -52,7 +52,11 @@ CStr StartAddress(int port, const CStr& startPage);
 struct PhpCommand {
   CStr Interpreter;
   CStr Args;
+  bool Found = false;  // false: Interpreter names where the bundled one would be
 };
+
+// Largest request body the player accepts (uploads included).
+const int kPlayerMaxPostLen = 64 * 1024 * 1024;
 PhpCommand FindPhpCommand();
 
 #endif
