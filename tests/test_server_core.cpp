@@ -729,11 +729,14 @@ TEST_F(ServerCore, DestructorWakesIdleConnections) {
 
 TEST_F(ServerCore, ManyConcurrentClientsAreAllServed) {
   Begin();
-  const int kClients = 64;
-  std::vector<std::string> replies(kClients);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kClients; ++i)
-    threads.emplace_back([&, i] { replies[i] = Ask(Get("/hdr?cache")); });
-  for (auto& t : threads) t.join();
-  for (const std::string& r : replies) EXPECT_EQ(r.rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
+  // Later waves are taken by the threads that finished the earlier ones.
+  const int kClients = 48;
+  for (int wave = 0; wave < 3; ++wave) {
+    std::vector<std::string> replies(kClients);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kClients; ++i)
+      threads.emplace_back([&, i] { replies[i] = Ask(Get("/hdr?cache")); });
+    for (auto& t : threads) t.join();
+    for (const std::string& r : replies) EXPECT_EQ(r.rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
+  }
 }
