@@ -22,6 +22,7 @@ const int kChunk = 4096;
 // script is found through SCRIPT_FILENAME, which needs fix_pathinfo on (off,
 // php-cgi would read the empty PATH_TRANSLATED and find nothing).
 const char kPhpOptions[] = "-d cgi.force_redirect=0 -d cgi.fix_pathinfo=1";
+const char kSystemPhpLimits[] = " -d post_max_size=64M -d upload_max_filesize=64M";
 
 void AddVar(CStrList& env, const char* nameEq, const CStr& value) {
   CStr entry(nameEq);
@@ -319,5 +320,8 @@ bool FindPhpInterpreter(const CStr& progDir, CStr& path, CStr& args) {
   if (!FindOnPath("php-cgi", system) && !FindOnPath("php-cgi.exe", system)) return false;
   path = system;
   args = kPhpOptions;
+  // The system's own php.ini caps uploads far below what the player
+  // accepts; a bundled php.ini is the application author's to decide.
+  args.Cat(kSystemPhpLimits);
   return true;
 }

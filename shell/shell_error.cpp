@@ -1,0 +1,21 @@
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "pl_ui.h"
+#include "shell_state.h"
+
+void* MainWindowHandle = nullptr;
+
+void Error(const char* format, ...) {
+  char text[512];
+  va_list ap;
+  va_start(ap, format);
+  vsnprintf(text, sizeof text, format, ap);
+  va_end(ap);
+  size_t n = strlen(text);
+  fputs(text, stderr);
+  if (n == 0 || text[n - 1] != '\n') fputc('\n', stderr);
+  fflush(stderr);
+  PlMessageBox(MainWindowHandle, text, "Lumetta");
+}

@@ -1,0 +1,6 @@
+#include "shell_state.h"
+
+CStr IniFile;
+CStr StartPage;
+char* CmdTitle = nullptr;
+CHttpServer* HttpServer = nullptr;
