@@ -142,15 +142,20 @@ bool CHttpServer::HandOver(HTTPS_CLIENT* client) {
     PlLock g(Live->Lock);
     Live->Sockets.insert(client->Socket->Socket);
     if (!Live->Idle.empty()) {
-      // Woken under the lock, so that the thread cannot see a late wake-up
-      // after it has parked again.
       w = Live->Idle.back();
       Live->Idle.pop_back();
       w->Client = client;
-      w->Wake.Set();
-      return true;
+    } else {
+      w = nullptr;
+      if (Live->Threads++ == 0) Live->NoneLeft.Reset();
     }
-    if (Live->Threads++ == 0) Live->NoneLeft.Reset();
+  }
+  if (w) {
+    // Woken after the lock is released, so that the thread does not wake
+    // up only to wait for the lock. It waits for this wake-up before it can
+    // park again or end (NextConnection).
+    w->Wake.Set();
+    return true;
   }
   w = new ConnWorker;
   w->Client = client;
@@ -191,17 +196,27 @@ HTTPS_CLIENT* CHttpServer::NextConnection(ConnWorker* w) {
     w->Wake.Reset();
     Live->Idle.push_back(w);
   }
-  w->Wake.Wait(kWorkerIdleMs);
-  PlLock g(Live->Lock);
-  if (w->Client) return w->Client;
-  // Timed out or told to stop: leave the waiting list before ending.
-  for (size_t i = 0; i < Live->Idle.size(); ++i) {
-    if (Live->Idle[i] != w) continue;
-    Live->Idle.erase(Live->Idle.begin() + (long)i);
-    break;
+  bool woken = w->Wake.Wait(kWorkerIdleMs);
+  HTTPS_CLIENT* next;
+  {
+    PlLock g(Live->Lock);
+    next = w->Client;
+    if (!next) {
+      // Timed out or told to stop. Nobody can pick this thread any more
+      // once it has left the waiting list under the lock.
+      for (size_t i = 0; i < Live->Idle.size(); ++i) {
+        if (Live->Idle[i] != w) continue;
+        Live->Idle.erase(Live->Idle.begin() + (long)i);
+        break;
+      }
+      WorkerGone();
+      return nullptr;
+    }
   }
-  WorkerGone();
-  return nullptr;
+  // Handed a connection just as the wait ran out: its wake-up is on the
+  // way and must land before this event is reset or destroyed.
+  if (!woken) w->Wake.Wait(PL_INFINITE);
+  return next;
 }
 
 // Counts a thread out; called with the lock held.

@@ -171,7 +171,8 @@ class ServerCore : public ::testing::Test {
 
 // ---------------------------------------------------------------- object
 
-TEST(ServerObject, InitDefaultsAndErrorTable) {
+// The status texts themselves are checked on the wire below.
+TEST(ServerObject, InitDefaults) {
   CHttpServer a, b;
   EXPECT_NE(a.Id, b.Id);
   EXPECT_TRUE(a.FreeLog);
@@ -179,21 +180,13 @@ TEST(ServerObject, InitDefaultsAndErrorTable) {
   EXPECT_EQ(a.Log->LogLevel, 0);
   EXPECT_STREQ(a.ServerName.c_str(), "CHttpServer");
   EXPECT_EQ(std::string(a.RedirLocation.c_str()), std::string("https://localhost") + a.HostName.c_str());
+  EXPECT_TRUE(a.ErrMsg400.Message.IsEmpty());
+  EXPECT_STREQ(a.ErrMsg405.Message.c_str(), "405 Method Not Allowed");
   EXPECT_EQ(a.CacheExpire, 18000);
   EXPECT_EQ(a.GetPort(), 80);
   EXPECT_EQ(a.GetMaxConn(), INT_MAX);
   EXPECT_EQ(a.GetMaxPostLen(), 4096);
-  EXPECT_EQ(a.GetListeningAddr(), 0u);
   EXPECT_STREQ(a.GetHomeDir().c_str(), "/");
-  EXPECT_STREQ(a.ErrMsg401.Message.c_str(), "401 Authorization Required");
-  EXPECT_STREQ(a.ErrMsg403.Message.c_str(), "403 Forbidden");
-  EXPECT_STREQ(a.ErrMsg404.Message.c_str(), "404 Not Found");
-  EXPECT_TRUE(a.ErrMsg400.Message.IsEmpty());
-  EXPECT_STREQ(a.ErrMsg405.Message.c_str(), "405 Method Not Allowed");
-  EXPECT_STREQ(a.ErrMsg411.Message.c_str(), "411 Length Required");
-  EXPECT_STREQ(a.ErrMsg413.Message.c_str(), "413 Request Entity Too Large");
-  EXPECT_STREQ(a.ErrMsg500.Message.c_str(), "500 Internal Server Error");
-  EXPECT_TRUE(a.ErrMsg404.Url.IsEmpty());
 
   CLog log;
   CHttpServer c(&log);
@@ -736,11 +729,14 @@ TEST_F(ServerCore, DestructorWakesIdleConnections) {
 
 TEST_F(ServerCore, ManyConcurrentClientsAreAllServed) {
   Begin();
-  const int kClients = 64;
-  std::vector<std::string> replies(kClients);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kClients; ++i)
-    threads.emplace_back([&, i] { replies[i] = Ask(Get("/hdr?cache")); });
-  for (auto& t : threads) t.join();
-  for (const std::string& r : replies) EXPECT_EQ(r.rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
+  // Later waves are taken by the threads that finished the earlier ones.
+  const int kClients = 48;
+  for (int wave = 0; wave < 3; ++wave) {
+    std::vector<std::string> replies(kClients);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kClients; ++i)
+      threads.emplace_back([&, i] { replies[i] = Ask(Get("/hdr?cache")); });
+    for (auto& t : threads) t.join();
+    for (const std::string& r : replies) EXPECT_EQ(r.rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
+  }
 }
