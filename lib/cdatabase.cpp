@@ -1,6 +1,8 @@
 // CDatabase over a run-time-bound SQLite library.
 #include "cdatabase.h"
 
+#include "pl_dl.h"
+
 #include <cstdio>
 #include <cstring>
 
@@ -37,7 +39,7 @@ struct SqliteApi {
 
 SqliteApi Api;
 DLLHANDLE ApiHandle = nullptr;
-CStr ApiLibName("libsqlite3.so.0");
+CStr ApiLibName(PL_LIB_SQLITE);
 PlMutex ApiMutex;
 
 // Binds the library on first use; a failed attempt is retried by the next

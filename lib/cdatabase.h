@@ -1,5 +1,5 @@
 // CDatabase: a thin layer over one SQLite database file. The SQLite library
-// is bound by name at run time ("libsqlite3.so.0" unless SetLibraryName says
+// is bound by name at run time (PL_LIB_SQLITE, "libsqlite3.so.0" on Linux, unless SetLibraryName says
 // otherwise), so programs that never use a database run without it; when it
 // is missing every operation behaves as on a closed database.
 //

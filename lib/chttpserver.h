@@ -291,4 +291,8 @@ class CHttpServer {
   static char* StrTok(char* text, const char* delims, char** save);
 };
 
+// Chooses the shared library that OpenSSLInit binds (PL_LIB_SSL unless
+// changed); only before the first successful binding, false afterwards.
+bool OpenSSLSetLibraryName(const char* name);
+
 #endif

@@ -3,13 +3,11 @@
 // machines without it. The binding is process-wide and made once; the
 // function table (OpenSsl, declared with CSocket) is read-only afterwards.
 //
-// OpenSSLSetLibraryName(name) chooses the shared library to bind; it works
-// only before the first successful OpenSSLInit (false afterwards). Tests use
-// it to see a missing library, installations to point at another build. It
-// is declared where it is needed:
-//   bool OpenSSLSetLibraryName(const char* name);
+// OpenSSLSetLibraryName(name) chooses the shared library to bind; tests use
+// it to see a missing library, installations to point at another build.
 
 #include "chttpserver.h"
+#include "pl_dl.h"
 #include "dll.h"
 #include "pl_thread.h"
 
@@ -22,7 +20,7 @@ const int kFilePem = 1;
 PlMutex SslMutex;
 DLLHANDLE SslLibrary = nullptr;
 bool SslReady = false;
-CStr SslLibraryName("libssl.so.3");
+CStr SslLibraryName(PL_LIB_SSL);
 
 bool BindTable() {
   OPENSSL_FUNCS& f = OpenSsl;

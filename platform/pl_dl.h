@@ -10,4 +10,8 @@ void* PlDlSymbol(void* lib, const char* name);
 // Releases a handle from PlDlOpen; NULL is ignored.
 void PlDlClose(void* lib);
 
+// File names of the libraries the program binds at run time on this platform.
+extern const char* const PL_LIB_SSL;     // the TLS library
+extern const char* const PL_LIB_SQLITE;  // the SQLite library
+
 #endif

@@ -17,3 +17,6 @@ void* PlDlSymbol(void* lib, const char* name) {
 void PlDlClose(void* lib) {
   if (lib) dlclose(lib);
 }
+
+const char* const PL_LIB_SSL = "libssl.so.3";
+const char* const PL_LIB_SQLITE = "libsqlite3.so.0";

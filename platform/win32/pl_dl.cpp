@@ -18,3 +18,6 @@ void* PlDlSymbol(void* lib, const char* name) {
 void PlDlClose(void* lib) {
   if (lib) FreeLibrary(static_cast<HMODULE>(lib));
 }
+
+const char* const PL_LIB_SSL = "libssl-3-x64.dll";
+const char* const PL_LIB_SQLITE = "sqlite3.dll";

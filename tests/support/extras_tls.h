@@ -7,9 +7,6 @@
 
 #include "chttpserver.h"
 
-// Defined with the server's TLS binding (lib/chttpserver_ssl.cpp).
-bool OpenSSLSetLibraryName(const char* name);
-
 // Writes a self-signed certificate for 127.0.0.1/localhost and its key.
 bool ExtrasMakeCert(const std::string& certPath, const std::string& keyPath);
 // Writes a second, unrelated key.
