@@ -1,5 +1,5 @@
-// CArg: splits one line of text into arguments at separator characters,
-// optionally keeping quoted stretches together, and hands them out by index.
+// CArg: cuts a text into words wherever a separator stands, can keep
+// quoted runs in one word, and gives the words back by position.
 // The arguments point into a working copy of the text that is reused between
 // calls, so nothing is copied per argument.
 #ifndef LUMETTA_CARG_H

@@ -71,7 +71,7 @@ class CDatabase {
   char* BlobGet(const char* table, const char* column, long long rowid, int& len);
   bool BlobGet(const char* table, const char* column, long long rowid, CMem& out);
 
-  // Makes any bytes safe inside a NUL-terminated, quote-free text. out must
+  // Turns arbitrary bytes into text with no NUL and no single quote. out must
   // hold 257 * n / 254 + 3 bytes; the result is the count before the NUL.
   static int EncodeBinary(const unsigned char* in, int n, unsigned char* out);
   // Reverses EncodeBinary (in place allowed); -1 for a malformed escape.

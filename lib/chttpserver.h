@@ -85,8 +85,8 @@ enum {
   HTTPS_OBJF_PASSWORD = 8
 };
 
-// One registered object: engine, virtual directory, virtual file or
-// extension handler. Owned by CHttpServer::ObjList.
+// A registry entry (engine, mapped directory or file, or handler of an
+// extension). CHttpServer::ObjList owns it.
 struct __https_obj {
   __https_obj* Next;
   CStr Alias;

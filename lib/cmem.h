@@ -87,9 +87,9 @@ class CCharVect {
   char** GetVect() const { return Vect; }
 };
 
-// Intrusive doubly linked list. Items keep previous, next, value and index;
-// the list keeps first, last, current and a count. Add appends a new
-// default-constructed value and returns it.
+// Intrusive doubly linked list: each item links both ways and knows its
+// position; the list tracks its ends, a current item and how many it holds.
+// Add puts a fresh default value at the end and hands it back.
 template <class T>
 struct CListItem {
   CListItem* Prev;

@@ -43,9 +43,8 @@ char* QsSnPrintf(int size, char* buf, const char* fmt, ...);
 
 // The formatter itself, for callers with their own destination (streams):
 // out(sink, text, n) receives the output piece by piece (text is not
-// NUL-terminated). Returns the number of characters produced, or -1 when the
-// format ends in a lone '%' (or inside a conversion) or an escape buffer
-// could not be allocated.
+// NUL-terminated). Gives the output length, or -1 for a format that stops
+// on a bare '%' (or mid-conversion) or when quoting ran out of memory.
 typedef void (*QS_OUTPUT)(void* sink, const char* text, int n);
 int QsVxPrintf(QS_OUTPUT out, void* sink, int internal, const char* fmt, va_list ap);
 

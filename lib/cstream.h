@@ -9,10 +9,10 @@
 //   14 not permitted by the access flags      17 short fixed-size read
 //   21 write failed
 //
-// Seek whence codes are the library's own: 0 from the current position,
-// 1 from the end, 2 from the start. A memory stream counts a from-end offset
-// backwards (position = Size - offset); a file stream hands it to the
-// runtime's from-end seek, which adds it. The two differ on purpose.
+// Seek takes the library's own origin codes: 0 = here, 1 = the end,
+// 2 = the beginning. A memory stream counts a from-end offset
+// backwards (position = Size - offset); a file stream passes it unchanged
+// to fseek with SEEK_END (position = size + offset). The two differ on purpose.
 #ifndef LUMETTA_CSTREAM_H
 #define LUMETTA_CSTREAM_H
 
