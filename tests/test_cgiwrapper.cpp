@@ -29,15 +29,12 @@ class CgiTest : public ::testing::Test {
 
   void SetUp() override {
     fs::copy(LUMETTA_SOURCE_DIR "/tests/data/php", Home);
-    Restart();
+    Srv = EnginesStartServer(Home, true);
+    ASSERT_NE(Srv, nullptr);
   }
   void TearDown() override {
     Srv.reset();
     CgiTimeOut = 600;
-  }
-  void Restart() {  // settings the request threads read are made before them
-    Srv = EnginesStartServer(Home, true);
-    ASSERT_NE(Srv, nullptr);
   }
   EnginesReply Get(const std::string& target, const std::string& heads = "") {
     return EnginesGet(Srv->GetPort(), target, heads);
@@ -55,7 +52,6 @@ class CgiTest : public ::testing::Test {
 TEST_F(CgiTest, GetAndPostForms) {
   EnginesReply r = Get("/hello.php?name=Ann+%26+Bo");
   EXPECT_EQ(r.StatusLine, "HTTP/1.1 200 OK");
-  EXPECT_TRUE(r.Has("\r\nServer: Lumetta Server\r\n"));
   EXPECT_EQ(r.Body, "Hello Ann &amp; Bo\n");
   r = EnginesPost(Srv->GetPort(), "/form.php", "application/x-www-form-urlencoded", "a=1+2&b=%C3%A9");
   EXPECT_EQ(r.Body, "method=POST;a=1 2;b=\xC3\xA9");
@@ -122,8 +118,9 @@ TEST_F(CgiTest, SessionAndCookieAcrossRequests) {
 }
 
 TEST_F(CgiTest, TimeOutEndsTheInterpreterAndKeepsWhatItWrote) {
-  CgiTimeOut = 1;
-  Restart();
+  CgiTimeOut = 1;  // the request threads read it: set before they exist
+  Srv = EnginesStartServer(Home, true);
+  ASSERT_NE(Srv, nullptr);
   uint64_t start = PlMonotonicMs();
   EnginesReply r = Get("/slow.php");
   EXPECT_LT(PlMonotonicMs() - start, 10000u);
@@ -133,7 +130,8 @@ TEST_F(CgiTest, TimeOutEndsTheInterpreterAndKeepsWhatItWrote) {
 
 TEST_F(CgiTest, MissingScriptGives404AndStartsNothing) {
   std::string marker = Scratch / "started";
-  Fake("mk", "write-file " + marker);
+  ASSERT_NE(Srv->Vadd("mk", "/bin/sh", ("-c \"touch " + marker + "\"").c_str(), 8, 1), nullptr);
+  EnginesWriteFile(Home + "/page.mk", "");
   for (const char* target : {"/nothing-here.mk", "/nothing-here.php"})
     EXPECT_EQ(Get(target).StatusLine.substr(0, 12), "HTTP/1.1 404") << target;
   EXPECT_FALSE(fs::exists(marker));
@@ -157,9 +155,8 @@ TEST_F(CgiTest, QueryWithoutEqualsNeverBecomesOptions) {
     std::string fake = Get(std::string("/page.argv") + q).Raw;
     EXPECT_TRUE(std::count(fake.begin(), fake.end(), '[') == 1 && fake.find("[-x]\n") != npos) << fake;
     // php-cgi may refuse the page but must never show its source or turn options on.
-    std::string php = Get(std::string("/source.php") + q).Raw;
-    EXPECT_EQ(php.find("SECRET-SOURCE-MARKER"), npos);
-    EXPECT_EQ(php.find("include-on"), npos);
+    EnginesReply php = Get(std::string("/source.php") + q);
+    EXPECT_FALSE(php.Has("SECRET-SOURCE-MARKER") || php.Has("include-on")) << php.Raw;
   }
   EXPECT_EQ(Get("/source.php?x=-s").Body, "ran:x=-s:include-off");
 }
@@ -171,12 +168,12 @@ TEST_F(CgiTest, ScriptsOutsideTheHomeDirectoryNeverRun) {
   EnginesWriteFile(Scratch / "elsewhere/x.php", "<?php echo 'OUTSIDE-RAN';");
   fs::create_symlink(Scratch / "outside.php", Home + "/link.php");
   fs::create_directory_symlink(Scratch / "elsewhere", Home + "/linkdir");
-  for (const char* target : {"/../outside.php", "/%2e%2e/outside.php", "/%2E%2E%2Foutside.php", "/sub/../../outside.php",
-                             "/sub/%2e%2e/%2e%2e/outside.php", "/..%2foutside.php", "/link.php", "/linkdir/x.php",
-                             "/./../outside.php"}) {
+  for (const char* target : {"/../outside.php", "/%2e%2e/outside.php", "/%2E%2E%2Foutside.php", "/./../outside.php",
+                             "/sub/../../outside.php", "/sub/%2e%2e/%2e%2e/outside.php", "/..%2foutside.php",
+                             "/link.php", "/linkdir/x.php"}) {
     SCOPED_TRACE(target);
-    EXPECT_EQ(Get(target).Raw.find("OUTSIDE-RAN"), npos);
-    EXPECT_EQ(EnginesPost(Srv->GetPort(), target, "application/x-www-form-urlencoded", "a=1").Raw.find("OUTSIDE-RAN"), npos);
+    EXPECT_FALSE(Get(target).Has("OUTSIDE-RAN"));
+    EXPECT_FALSE(EnginesPost(Srv->GetPort(), target, "application/x-www-form-urlencoded", "a=1").Has("OUTSIDE-RAN"));
   }
   EXPECT_EQ(Get("/sub/../hello.php").Body, "Hello nobody\n");  // staying inside is fine
 }

@@ -1,4 +1,4 @@
-// A small child program for the pipe stream, gateway and run-wrapper tests.
+// A small child program for the pipe stream and gateway tests.
 // The first argument picks what it does; the tests check what comes back.
 #include <signal.h>
 #include <unistd.h>
@@ -33,14 +33,6 @@ int main(int argc, char** argv) {
   if (mode == "args") {  // each argument after the mode in brackets
     for (int i = 2; i < argc; i++) Out(std::string("[") + argv[i] + "]\n");
     return 0;
-  }
-  if (mode == "write-file") {  // write-file PATH WORDS...: records how it was started
-    FILE* f = fopen(arg, "w");
-    char cwd[4096];
-    if (!f || !getcwd(cwd, sizeof cwd)) return 5;
-    fprintf(f, "cwd=%s\n", cwd);
-    for (int i = 3; i < argc; i++) fprintf(f, "[%s]\n", argv[i]);
-    return fclose(f);
   }
   return 2;
 }

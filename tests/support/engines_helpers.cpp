@@ -73,6 +73,6 @@ std::unique_ptr<CHttpServer> EnginesStartServer(const std::string& homeDir, bool
   // The first free port from a random base.
   unsigned short port = (unsigned short)(20000 + std::random_device()() % 30000);
   for (int tries = 0; tries < 200; tries++, port++)
-    if (server->SetPortA(port) && server->StartListening()) return server->StartAccepting() ? std::move(server) : nullptr;
-  return nullptr;
+    if (server->SetPortA(port) && server->StartListening()) break;
+  return server->StartAccepting() ? std::move(server) : nullptr;
 }
