@@ -1,5 +1,5 @@
 # The child program the pipe stream and gateway tests start. It is
-# built without sanitizers: a crash must end them by its signal, not by a
+# built without sanitizers: a crash must end it by its signal, not by a
 # sanitizer report.
 add_executable(pipe_helper ${CMAKE_CURRENT_SOURCE_DIR}/helpers/pipe_helper.cpp)
 set_target_properties(pipe_helper PROPERTIES
