@@ -1,12 +1,12 @@
-# Child programs the pipe stream, gateway and run-wrapper tests start. They are
-# built without sanitizers: a crash must end them by its signal, not by a
+# The child program the pipe stream and gateway tests start. It is
+# built without sanitizers: a crash must end it by its signal, not by a
 # sanitizer report.
 add_executable(pipe_helper ${CMAKE_CURRENT_SOURCE_DIR}/helpers/pipe_helper.cpp)
 set_target_properties(pipe_helper PROPERTIES
   COMPILE_OPTIONS "-Wall;-Wextra"
   LINK_OPTIONS ""
   RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/helpers)
-foreach(t test_cpipestream test_cgiwrapper test_runwrapper)
+foreach(t test_cpipestream test_cgiwrapper)
   if(TARGET ${t})
     add_dependencies(${t} pipe_helper)
   endif()

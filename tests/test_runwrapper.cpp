@@ -1,153 +1,92 @@
 // ctest-labels: threads
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <atomic>
-#include <filesystem>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "engines_helpers.h"
-#include "engines_server.h"
 #include "pl_shell.h"
 #include "pl_thread.h"
 #include "progdir.h"
 
-namespace fs = std::filesystem;
-
 namespace {
 
-// What the stub opener was asked, call by call.
-struct OpenCall {
-  std::string File;
-  std::string Params;  // "<null>" when none was given
-  std::string Dir;     // "<null>" when none was given
-  int Show;
-};
-
+// The server's threads record what the stub opener was asked, the test's
+// thread reads it: both under the lock.
 std::mutex CallsLock;
-std::vector<OpenCall> Calls;
+std::vector<std::string> Calls;  // "file|parameters|directory|show"
 std::atomic<bool> StubAnswer{true};
-
-// The server's threads record, the test's thread reads: always under the lock.
-std::vector<OpenCall> TakeCalls() {
-  std::lock_guard<std::mutex> g(CallsLock);
-  std::vector<OpenCall> taken;
-  taken.swap(Calls);
-  return taken;
-}
 
 bool RecordingOpener(const char* file, const char* params, const char* dir, int show) {
   std::lock_guard<std::mutex> g(CallsLock);
-  Calls.push_back({file, params ? params : "<null>", dir ? dir : "<null>", show});
+  Calls.push_back(std::string(file) + "|" + (params ? params : "<null>") + "|" + (dir ? dir : "<null>") + "|" +
+                  std::to_string(show));
   return StubAnswer;
+}
+
+std::vector<std::string> TakeCalls() {
+  std::lock_guard<std::mutex> g(CallsLock);
+  return std::move(Calls);
 }
 
 class RunTest : public ::testing::Test {
  protected:
   EnginesTempDir Home;
-  std::unique_ptr<EnginesServer> Srv;
+  std::unique_ptr<CHttpServer> Srv;
 
   void SetUp() override {
     TakeCalls();
-    StubAnswer = true;
     PlShellSetOpener(RecordingOpener);
-    ProgDir = Home.Path().c_str();  // set before the server's threads exist
-    EnginesWriteFile(Home / "index.html", "<p>home</p>");
-    Srv.reset(new EnginesServer(Home.Path(), false));
-    ASSERT_TRUE(Srv->Start());
+    ProgDir = "/opt/p";  // before the server's threads exist
+    Srv = EnginesStartServer(Home.Path, false);
+    ASSERT_NE(Srv, nullptr);
   }
-  void TearDown() override {
-    Srv.reset();
-    PlShellSetOpener(nullptr);
-    ProgDir.Empty();
-  }
-  EnginesReply Run(const std::string& query) { return EnginesGet(Srv->Port(), "/run.ebd" + query); }
-  OpenCall OnlyCall() {
-    std::vector<OpenCall> calls = TakeCalls();
-    EXPECT_EQ(calls.size(), 1u);
-    return calls.empty() ? OpenCall{} : calls.back();
-  }
+  void TearDown() override { PlShellSetOpener(nullptr); }
+  EnginesReply Ask(const std::string& query) { return EnginesGet(Srv->GetPort(), "/run.ebd" + query); }
+  std::string Status(const std::string& query) { return Ask(query).StatusLine.substr(0, 12); }
 };
-
-bool Is403(const EnginesReply& r) { return r.StatusLine.compare(0, 12, "HTTP/1.1 403") == 0; }
 
 }  // namespace
 
-TEST(ExpandTokens, ReplacesBothSpellingsEverywhere) {
-  ProgDir = "/opt/p";
-  CStr s("%PROGDIR%/a PROGDIR:/b %PROGDIR%PROGDIR:");
-  ExpandTokens(s);
-  EXPECT_STREQ(s.c_str(), "/opt/p/a /opt/p/b /opt/p/opt/p");
-  ProgDir = "/x/PROGDIR:";  // a directory holding the token must not loop
-  CStr t("PROGDIR:");
-  ExpandTokens(t);
-  EXPECT_STREQ(t.c_str(), "/x/PROGDIR:");
-  CStr empty;
-  ExpandTokens(empty);
-  EXPECT_TRUE(empty.IsEmpty());
-  ProgDir.Empty();
-}
-
-TEST_F(RunTest, OpensTheFileAndRedirects) {
-  EnginesReply r = Run("?file=notes.txt&page=index.html");
-  EXPECT_EQ(r.StatusLine.compare(0, 12, "HTTP/1.1 302"), 0) << r.Raw;
-  EXPECT_NE(r.Header("Location").find("index.html"), std::string::npos);
-  OpenCall c = OnlyCall();
-  EXPECT_EQ(c.File, "notes.txt");
-  EXPECT_EQ(c.Params, "<null>");
-  EXPECT_EQ(c.Dir, "<null>");
-  EXPECT_EQ(c.Show, 1);
+TEST_F(RunTest, OpenerGetsTheArguments) {
+  EnginesWriteFile(Home / "notes.txt", "n");
+  EnginesReply r = Ask("?file=" + Home / "notes.txt" + "&page=index.html");
+  EXPECT_EQ(r.StatusLine.substr(0, 12), "HTTP/1.1 302");
+  EXPECT_TRUE(r.Has("\r\nLocation: ") && r.Has("index.html\r\n")) << r.Raw;
+  EXPECT_EQ(TakeCalls(), std::vector<std::string>{Home / "notes.txt|<null>|<null>|1"});
+  const std::pair<const char*, const char*> cases[] = {
+      {"file=a&showcmd=MAXIMIZE", "a|<null>|<null>|3"}, {"file=a&showcmd=hide", "a|<null>|<null>|0"},
+      {"file=a&showcmd=showminnoactive", "a|<null>|<null>|7"}, {"file=a&showcmd=ShowNoActivate", "a|<null>|<null>|4"},
+      {"file=a&showcmd=big", "a|<null>|<null>|1"},
+      {"file=a&showcmd=hide&showcmd=big&FILE=b", "b|<null>|<null>|0"},  // an unknown word keeps hide
+      // Only the parameters have the program directory put in.
+      {"file=PROGDIR:/t&directory=%25PROGDIR%25/w&parameters=PROGDIR:/x.cfg+%25PROGDIR%25",
+       "PROGDIR:/t|/opt/p/x.cfg /opt/p|%PROGDIR%/w|1"},
+  };
+  for (const auto& c : cases) {
+    Ask(std::string("?") + c.first);
+    EXPECT_EQ(TakeCalls(), std::vector<std::string>{c.second}) << c.first;
+  }
 }
 
 TEST_F(RunTest, RefusalsGive403) {
-  EXPECT_TRUE(Is403(Run("")));
-  EXPECT_TRUE(Is403(Run("?file=&page=index.html")));
-  EXPECT_TRUE(Is403(Run("?page=index.html&directory=/tmp")));
+  for (const char* q : {"", "?file=&page=index.html"}) EXPECT_EQ(Status(q), "HTTP/1.1 403") << q;
   EXPECT_TRUE(TakeCalls().empty());
-  StubAnswer = false;  // the desktop could not open it (set while no request runs)
-  EXPECT_TRUE(Is403(Run("?file=x.txt&page=index.html")));
-  EXPECT_EQ(TakeCalls().size(), 1u);
-}
-
-TEST_F(RunTest, ShowCmdWordsAndLastArgumentWins) {
-  const std::pair<const char*, int> cases[] = {
-      {"MAXIMIZE", 3}, {"hide", 0}, {"showminnoactive", 7}, {"ShowNoActivate", 4}, {"big", 1}, {"", 1}};
-  for (const auto& c : cases) {
-    Run(std::string("?file=a&showcmd=") + c.first);
-    EXPECT_EQ(OnlyCall().Show, c.second) << c.first;
-  }
-  Run("?file=a&showcmd=hide&showcmd=big&FILE=b");  // unknown word keeps hide
-  OpenCall c = OnlyCall();
-  EXPECT_EQ(c.Show, 0);
-  EXPECT_EQ(c.File, "b");
-}
-
-TEST_F(RunTest, TokensAreExpandedOnlyInParameters) {
-  Run("?file=PROGDIR:/tool&directory=%25PROGDIR%25/work&parameters=PROGDIR:/data/x.cfg+%25PROGDIR%25");
-  OpenCall c = OnlyCall();
-  EXPECT_EQ(c.File, "PROGDIR:/tool");
-  EXPECT_EQ(c.Dir, "%PROGDIR%/work");
-  EXPECT_EQ(c.Params, Home / "data/x.cfg " + Home.Path());
-}
-
-TEST_F(RunTest, PostedFormArgumentsCount) {
-  EnginesReply r = EnginesPost(Srv->Port(), "/run.ebd", "application/x-www-form-urlencoded",
-                               "file=report.pdf&showcmd=maximize&page=index.html");
-  EXPECT_EQ(r.StatusLine.compare(0, 12, "HTTP/1.1 302"), 0) << r.Raw;
-  EXPECT_EQ(OnlyCall().File, "report.pdf");
-}
-
-TEST_F(RunTest, DesktopOpenerRunsProgramsAndRefusesMissingFiles) {
+  StubAnswer = false;  // the desktop could not open it
+  EXPECT_EQ(Status("?file=x.txt&page=index.html"), "HTTP/1.1 403");
+  StubAnswer = true;
   PlShellSetOpener(nullptr);
-  EXPECT_TRUE(Is403(Run("?file=" + Home / "does-not-exist.txt" + "&page=index.html")));
+  EXPECT_EQ(Status("?file=" + Home / "does-not-exist.txt" + "&page=index.html"), "HTTP/1.1 403");
+}
 
-  // A program is started with its parameters in the given directory.
+TEST_F(RunTest, DesktopOpenerStartsAProgramInItsDirectory) {
+  PlShellSetOpener(nullptr);
   std::string out = Home / "ran.txt";
-  EnginesReply r = Run("?file=" + EnginesHelperPath() + "&directory=" + Home.Path() +
-                       "&parameters=write-file+PROGDIR:/ran.txt+%22two+words%22&page=index.html");
-  EXPECT_EQ(r.StatusLine.compare(0, 12, "HTTP/1.1 302"), 0) << r.Raw;
-  for (int i = 0; i < 200 && EnginesReadFile(out).find("]\n") == std::string::npos; i++) PlSleepMs(10);
-  EXPECT_EQ(EnginesReadFile(out), "cwd=" + Home.Path() + "\n[two words]\n");
+  std::string query = "?file=/bin/sh&directory=" + Home.Path + "&parameters=-c+%22pwd+%3E+ran.txt%22&page=p";
+  EXPECT_EQ(Status(query), "HTTP/1.1 302");
+  for (int i = 0; i < 200 && EnginesReadFile(out).empty(); i++) PlSleepMs(10);
+  EXPECT_EQ(EnginesReadFile(out), Home.Path + "\n");
 }

@@ -3,28 +3,76 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 
+#include "cgiwrapper.h"
+#include "pl_net.h"
+#include "progdir.h"
+#include "runwrapper.h"
+
 std::string EnginesHelperPath() { return std::string(LUMETTA_HELPER_DIR) + "/pipe_helper"; }
+std::string HelperCmd(const std::string& args) { return "\"" + EnginesHelperPath() + "\" " + args; }
 
 std::string EnginesReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream out;
-  out << in.rdbuf();
+  out << std::ifstream(path, std::ios::binary).rdbuf();
   return out.str();
 }
 
 void EnginesWriteFile(const std::string& path, const std::string& data) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << data;
+  std::ofstream(path, std::ios::binary) << data;
 }
 
 EnginesTempDir::EnginesTempDir() {
   std::string pattern = (std::filesystem::temp_directory_path() / "lumetta-eng-XXXXXX").string();
-  if (mkdtemp(&pattern[0])) Dir = pattern;
+  if (mkdtemp(&pattern[0])) Path = pattern;
 }
 
 EnginesTempDir::~EnginesTempDir() {
   std::error_code ec;
-  if (!Dir.empty()) std::filesystem::remove_all(Dir, ec);
+  if (!Path.empty()) std::filesystem::remove_all(Path, ec);
+}
+
+EnginesReply EnginesHttp(unsigned short port, const std::string& request) {
+  EnginesReply r;
+  PlSocket s = PlSockTcp();
+  if (s != PL_NO_SOCKET && PlSockConnect(s, PlHtonl(0x7F000001), port)) {
+    PlSockSend(s, request.data(), (int)request.size());
+    char buf[8192];
+    int n;
+    while (PlSockWaitReadable(s, 30) == 1 && (n = PlSockRecv(s, buf, sizeof buf)) > 0) r.Raw.append(buf, (size_t)n);
+  }
+  if (s != PL_NO_SOCKET) PlSockClose(s);
+  r.StatusLine = r.Raw.substr(0, r.Raw.find("\r\n"));
+  size_t end = r.Raw.find("\r\n\r\n");
+  if (end != std::string::npos) r.Body = r.Raw.substr(end + 4);
+  return r;
+}
+
+EnginesReply EnginesGet(unsigned short port, const std::string& target, const std::string& heads) {
+  return EnginesHttp(port, "GET " + target + " HTTP/1.1\r\nHost: localhost\r\n" + heads + "\r\n");
+}
+
+EnginesReply EnginesPost(unsigned short port, const std::string& target, const std::string& type,
+                         const std::string& body) {
+  return EnginesHttp(port, "POST " + target + " HTTP/1.1\r\nHost: localhost\r\nContent-Type: " + type +
+                               "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+}
+
+std::unique_ptr<CHttpServer> EnginesStartServer(const std::string& homeDir, bool withPhp) {
+  std::unique_ptr<CHttpServer> server(new CHttpServer);
+  server->SetListeningAddr(0x7F000001);
+  server->EngsAdd("/run.ebd", RunWrapper, 1);
+  server->OnCgi = CgiWrapper;
+  server->SetHomeDir(homeDir.c_str());
+  server->CacheExpire = 0;
+  server->ServerName = "Lumetta Server";
+  CStr path, args;
+  if (withPhp && FindPhpInterpreter(ProgDir, path, args)) server->Vadd("php", path.Str, args.Str, 8, 1);
+  // The first free port from a random base.
+  unsigned short port = (unsigned short)(20000 + std::random_device()() % 30000);
+  for (int tries = 0; tries < 200; tries++, port++)
+    if (server->SetPortA(port) && server->StartListening()) break;
+  return server->StartAccepting() ? std::move(server) : nullptr;
 }

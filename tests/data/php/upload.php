@@ -5,4 +5,4 @@ if (!$f || $f['error'] !== UPLOAD_ERR_OK) {
   echo "upload error ", $f ? $f['error'] : 'none';
   exit;
 }
-echo $f['name'], "\n", $f['size'], "\n", bin2hex(file_get_contents($f['tmp_name'])), "\n", $_POST['note'] ?? '';
+echo $f['name'], "\n", $f['size'], "\n", $_POST['note'] ?? '', "\n", file_get_contents($f['tmp_name']);
