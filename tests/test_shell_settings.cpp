@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "extras_tmpdir.h"
+#include "extras_support.h"
 #include "ini_reader.h"
 #include "settings.h"
 #include "shell_state.h"

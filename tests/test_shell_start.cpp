@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "chttpserver.h"
-#include "extras_tmpdir.h"
+#include "extras_support.h"
 #include "pl_net.h"
 #include "pl_thread.h"
 #include "player_start.h"
@@ -41,9 +41,20 @@ class RecordingWindow : public PlayerWindow {
   void MakeTranslucent() override { Log.push_back("translucent"); }
 };
 
-// A port in a range the system does not hand out by itself, so that other
-// tests' sockets rarely stand in the way of the port search.
-int QuietPort() { return 20000 + int(PlMonotonicMs() % 12000); }
+bool PortFree(int port) {
+  PlSocket s = PlSockTcp();
+  bool ok = PlSockBind(s, 0x7F000001, static_cast<unsigned short>(port));
+  PlSockClose(s);
+  return ok;
+}
+
+// A port below the range the system hands out by itself whose upper
+// neighbour is free too, so the port search lands where the test expects.
+int QuietPort() {
+  int port = 20000 + int(PlMonotonicMs() % 12000);
+  while (!PortFree(port) || !PortFree(port + 1)) port += 2;
+  return port;
+}
 
 class ShellStart : public ::testing::Test {
  protected:
