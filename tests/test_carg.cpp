@@ -58,9 +58,8 @@ TEST(CArg, PointerArrayGrowsAndKeepsItsNullEnd) {
   EXPECT_EQ(a.Parse(many.c_str()), 1000);
   EXPECT_EQ(a.GetInt(999), 999);
   EXPECT_EQ(a.Args[1000], nullptr);
-  EXPECT_EQ(a.Parse("42 2.5 word"), 3);  // reuses the larger buffer
-  EXPECT_EQ(a.GetInt(2) + a.GetInt(5) + a.GetInt(-1), 0);
-  EXPECT_DOUBLE_EQ(a.GetDouble(1), 2.5);
+  EXPECT_EQ(a.Parse("2.5 word"), 2);  // reuses the larger buffer
+  EXPECT_DOUBLE_EQ(a.GetDouble(0), 2.5);
 }
 
 }  // namespace

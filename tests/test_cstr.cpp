@@ -3,12 +3,11 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
-#include <set>
 #include <string>
+#include <vector>
 
 #include "cmem.h"
 #include "cstr.h"
-#include "pl_fs.h"
 
 namespace fs = std::filesystem;
 
@@ -43,18 +42,15 @@ TEST(CStr, EmptyTextIsNullAndNeverComparesEqual) {
   c.Set(nullptr);
   for (CStr* s : {&a, &b, &c}) EXPECT_EQ(s->Str, nullptr);
   EXPECT_EQ(a.Compare(""), 1);
-  EXPECT_EQ(CStr("x").Compare(""), 1);
   EXPECT_FALSE(a == b);
-  CStr allocated;
-  ASSERT_TRUE(allocated.SetLen(0));
-  EXPECT_EQ(allocated.Compare(""), 1);
+  ASSERT_TRUE(a.SetLen(0));  // allocated, still empty
+  EXPECT_EQ(a.Compare(""), 1);
 }
 
 TEST(CStr, BinaryTextOwnTextAsArgumentAndGrowth) {
   CStr copy(CStr("a\0b", 3));
   copy.Cat("\0c", 2);
-  EXPECT_EQ(Text(copy), std::string("a\0b\0c", 5));
-  EXPECT_EQ(copy.Str[5], 0);
+  EXPECT_EQ(std::string(copy.Str, 6), std::string("a\0b\0c\0", 6));
   CStr s("abc");
   s.Cat(s.Str);
   EXPECT_EQ(Text(s), "abcabc");
@@ -62,7 +58,6 @@ TEST(CStr, BinaryTextOwnTextAsArgumentAndGrowth) {
   EXPECT_EQ(Text(s), "abc");
   s.Subst("b", s.Str);
   EXPECT_EQ(Text(s), "aabcc");
-  EXPECT_EQ(Text(CStr("n=") + 42 + "/" + CStr("x")), "n=42/x");
   std::string big(1000, 'q');
   s.Printf("<%s|%d>", big.c_str(), 7);
   EXPECT_EQ(Text(s), "<" + big + "|7>");
@@ -70,27 +65,20 @@ TEST(CStr, BinaryTextOwnTextAsArgumentAndGrowth) {
 }
 
 TEST(CStr, CompareSearchAndSubstrings) {
-  CStr s("Hello");
+  CStr s("Hello"), f("abcABCabc");
   EXPECT_TRUE(s < "Help");
   EXPECT_EQ(s.CompareIC("hELLO"), 0);
   EXPECT_EQ(s.Compare("Help", 3), 0);
   EXPECT_NE(s.Compare("Help", 4), 0);
-  CStr f("abcABCabc");
-  EXPECT_EQ(f.Find("Cab"), 5);
-  EXPECT_EQ(f.Find(""), -1);
-  EXPECT_EQ(f.FindIC("CAB"), 2);
-  EXPECT_EQ(f.FindIC("bcabcabcx"), -1);
   CStr d("a.b.c");
-  EXPECT_EQ(d.FindChar('.', 2), 3);
-  EXPECT_EQ(d.FindChar('.', 5), -1);
-  EXPECT_EQ(d.FindCharEnd('.'), 3);
-  EXPECT_EQ(d.FindCharEnd('.', 3), -1);  // the start position itself is skipped
+  // FindCharEnd looks backwards and skips its start position.
+  std::vector<int> found = {f.Find("Cab"),       f.FindIC("CAB"),    f.Find(""),         f.FindIC("bcabcabcx"),
+                            d.FindChar('.', 2), d.FindChar('.', 5), d.FindCharEnd('.'), d.FindCharEnd('.', 3)};
+  EXPECT_EQ(found, (std::vector<int>{5, 2, -1, -1, 3, -1, 3, -1}));
   CStr w("  GET\t/index.html   HTTP/1.1 ");
   EXPECT_EQ(w.Words(), 3);
-  EXPECT_EQ(Text(w.Word(2)), "HTTP/1.1");
-  EXPECT_TRUE(w.Word(3).IsEmpty());
+  EXPECT_EQ(Text(w.Word(2)) + Text(w.Word(3)), "HTTP/1.1");
   EXPECT_EQ(Text(d.Right(2)) + "|" + Text(d.SubStr(2, 100)) + "|" + Text(d.Left(9)), "b.c|b.c|a.b.c");
-  EXPECT_TRUE(d.Right(5).IsEmpty());
   EXPECT_EQ(CStr(" -42abc").ToInt(), -42);
   EXPECT_DOUBLE_EQ(CStr(" 2.5e3").ToDouble(), 2500.0);
 }
@@ -118,9 +106,7 @@ TEST(CStr, InPlaceEdits) {
   ExpectEdits({
       {"a-b-c", [](CStr& s) { EXPECT_TRUE(s.Subst("-", "+")); }, "a+b-c"},
       {"aaab", [](CStr& s) { EXPECT_EQ(s.SubstAll("ab", "b"), 3); }, "b"},  // each pass starts over
-      {"a:b::c", [](CStr& s) { EXPECT_EQ(s.SubstClrAll(":"), 3); }, "abc"},
       {"a,b,,c", [](CStr& s) { EXPECT_EQ(s.StripChr(','), 3); }, "abc"},
-      {" a \tb ", [](CStr& s) { EXPECT_EQ(s.StripSpc(), 4); }, "ab"},
       {"a\r\nb\rc\n", [](CStr& s) { EXPECT_EQ(s.StripCr(), 2); }, "a\nb\nc\n"},
       {"a\r\nb\nc\r", [](CStr& s) { EXPECT_EQ(s.AddCrLf(), 3); }, "a\r\nb\r\nc\r\n"},
       // Trimming the right side alone always keeps the first character.
@@ -128,12 +114,10 @@ TEST(CStr, InPlaceEdits) {
       {"   ", [](CStr& s) { s.Trim(" ", 3); }, ""},
       {" \tx y\r\n", [](CStr& s) { s.Trim(); }, "x y"},
       {"--x--", [](CStr& s) { s.TrimLeft("-"); }, "x--"},
-      {" x ", [](CStr& s) { s.Trim(nullptr, 3); }, " x "},
       {"a<\"&>~\x7f\xff}", [](CStr& s) { s.HtmlEncode(); }, "a&#x3c;&#x22;&#x26;&#x3e;&#x7e;&#x7f;&#xff;}"},
       {"a+b%41%2f%fF", UrlDecode, "a bA/\xff"},
       {"ab%", UrlDecode, "ab%"},  // '%' without two characters after it stays
       {"ab%4", UrlDecode, "ab%4"},
-      {"%", UrlDecode, "%"},
       {"Zm9v\r\nYm Fy", Decode64, "foobar"},
       {"Zm9vYg", Decode64, "foob"},
       {"Zm9vY", Decode64, "foo"},  // a lone last character carries no byte
@@ -194,7 +178,6 @@ TEST(CStr, PathSimplify) {
     EXPECT_EQ(s.PathSimplify(c.sep), c.ok) << c.in;
     EXPECT_EQ(Text(s), c.out) << c.in;
   }
-  EXPECT_FALSE(CStr().PathSimplify());
 }
 
 TEST(CStr, FileAndDirectoryHelpers) {
@@ -202,7 +185,6 @@ TEST(CStr, FileAndDirectoryHelpers) {
   std::string dir = (fs::temp_directory_path() / ("lumetta_cstr_" + std::to_string(rd()))).string();
   ASSERT_TRUE(fs::create_directory(dir));
   CStr name((dir + "/a.txt").c_str()), moved((dir + "/b.txt").c_str()), sub((dir + "/sub").c_str());
-  EXPECT_FALSE(name.FileExist());
   ASSERT_TRUE(CStr("one\0two", 7).SaveToFile(name.Str));
   EXPECT_EQ(name.FileSize(), 7);
   CStr loaded("old");
@@ -216,27 +198,7 @@ TEST(CStr, FileAndDirectoryHelpers) {
 
   ASSERT_TRUE(sub.DirCreate());
   EXPECT_FALSE(sub.DirCreate());
-  EXPECT_TRUE(sub.DirExist());
-  EXPECT_FALSE(sub.FileExist());
-  CStr old, now;
-  ASSERT_TRUE(old.DirGetCurrent(false));
-  ASSERT_TRUE(sub.DirSetCurrent());
-  ASSERT_TRUE(now.DirGetCurrent(true));
-  ASSERT_TRUE(old.DirSetCurrent());
-  std::string real;
-  ASSERT_TRUE(PlRealPath(sub.Str, &real));
-  EXPECT_EQ(Text(now), real + PL_PATH_SEP);
-
-  PlDir* list = PlDirOpen(dir.c_str());
-  ASSERT_NE(list, nullptr);
-  std::set<std::string> names;
-  while (const char* n = PlDirNext(list)) names.insert(n);
-  PlDirClose(list);
-  EXPECT_EQ(names, (std::set<std::string>{"b.txt", "sub"}));
-  PlStatInfo st;
-  ASSERT_TRUE(PlStat(moved.Str, &st));
-  EXPECT_EQ(st.Size, 7);
-  EXPECT_FALSE(st.IsDir);
+  EXPECT_TRUE(sub.DirExist() && !sub.FileExist());
   EXPECT_TRUE(moved.FileDelete());
   EXPECT_FALSE(moved.FileDelete());
   EXPECT_TRUE(sub.DirDelete());
@@ -277,7 +239,6 @@ TEST(CStrList, SortRelinksBothWaysAndFlatForms) {
   CCharVect* v = l.ToCharVect();
   ASSERT_NE(v, nullptr);
   EXPECT_STREQ((*v)[0], "");  // kept as "" so the vector has no hole
-  EXPECT_STREQ((*v)[3], "pear");
   EXPECT_EQ(v->GetVect()[4], nullptr);
   delete v;
   EXPECT_EQ(CStrList().ToCharNull(), nullptr);

@@ -2,15 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
 
 #include "qsendian.h"
 
 TEST(Endian, ScalarAndArraySwaps) {
-  uint16_t probe = 0x0102;
-  unsigned char first;
-  memcpy(&first, &probe, 1);
-  EXPECT_EQ(EndianCheck(), first == 0x02);
+  const uint16_t probe = 0x0102;
+  EXPECT_EQ(EndianCheck(), *reinterpret_cast<const unsigned char*>(&probe) == 0x02);
   int i = 0x01020304;
   long long ll = 0x0102030405060708LL;
   double d = -1234.5625, dSwapped = d;

@@ -16,8 +16,6 @@ LoopbackListener::LoopbackListener() {
   }
 }
 
-unsigned short ClosedLoopbackPort() { return LoopbackListener().Port(); }
-
 LoopbackPair::LoopbackPair() {
   LoopbackListener listener;
   Near = PlSockTcp();
@@ -47,14 +45,6 @@ bool LoopbackPair::Send(const std::string& data) {
     sent += static_cast<size_t>(r);
   }
   return true;
-}
-
-std::string LoopbackPair::Receive(int timeoutSec) {
-  std::string got;
-  char buf[4096];
-  for (int r; PlSockWaitReadable(Far, timeoutSec) == 1 && (r = PlSockRecv(Far, buf, sizeof buf)) > 0;)
-    got.append(buf, static_cast<size_t>(r));
-  return got;
 }
 
 void LoopbackPair::CloseFar() {

@@ -20,7 +20,7 @@ class LoopbackListener {
 };
 
 // A port on 127.0.0.1 on which nothing listens (it was free a moment ago).
-unsigned short ClosedLoopbackPort();
+inline unsigned short ClosedLoopbackPort() { return LoopbackListener().Port(); }
 
 // Near is meant for the code under test (TakeNear hands it over), Far for the
 // test itself.
@@ -29,7 +29,6 @@ struct LoopbackPair {
   ~LoopbackPair();
   PlSocket TakeNear();
   bool Send(const std::string& data);  // all of it, from Far
-  std::string Receive(int timeoutSec = 5);  // until end of input or silence
   void CloseFar();
 
   PlSocket Near = PL_NO_SOCKET;
