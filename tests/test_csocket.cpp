@@ -145,7 +145,7 @@ TEST(SocketConnect, ExchangesDataAndReportsBadHostsAndRefusedPorts) {
   EXPECT_EQ(ConnectError("no-such-host.invalid", 80), CERR_SOCK_HOST);
   EXPECT_EQ(ConnectError(nullptr, 80), CERR_SOCK_HOST);
   EXPECT_EQ(ConnectError("127.0.0.1", ClosedLoopbackPort()), CERR_SOCK_CONNECT);
-  // The all-ones address is looked up as a name and resolves; only the
+  // 255.255.255.255 takes the host-name route (it equals INADDR_NONE) and still resolves; only the
   // connection itself fails.
   EXPECT_EQ(ConnectError("255.255.255.255", 80), CERR_SOCK_CONNECT);
 }
