@@ -185,6 +185,37 @@ TEST_F(DispatchTest, MultipartUploadArrivesByteExact) {
                                           std::to_string(file.size()) + "\t" + file + "\nafter\t4\tlast\n");
 }
 
+std::atomic<int> handlerCalls{0};
+bool CountingHandler(void*, void* client) {
+  handlerCalls++;
+  HTTPS_CLIENT* c = static_cast<HTTPS_CLIENT*>(client);
+  return c->Socket->Puts("HTTP/1.1 200 OK\r\n\r\nhandled") > 0;
+}
+bool SecondEngine(void*, void* client) {
+  return static_cast<HTTPS_CLIENT*>(client)->Socket->Puts("HTTP/1.1 200 OK\r\n\r\nsecond") > 0;
+}
+
+TEST_F(DispatchTest, RegistryFirstMatchWinsAndSkipsDisabledEntries) {
+  Srv().EngsAdd("/echo", SecondEngine, HTTPS_OBJF_ENABLED);  // registered after the fixture's
+  Srv().EngsAdd("/off", SecondEngine, 0);
+  Srv().OnCgi = CountingHandler;
+  Home.Write("page.xyz", "source text");
+  ASSERT_NE(Srv().VfileMapAdd("xyz", Home.Join("page.xyz").c_str(), nullptr, HTTPS_OBJF_ENABLED), nullptr);
+  __https_obj* guarded = Srv().VfileAdd("/g.txt", Home.Write("g.txt", "guarded").c_str(), HTTPS_OBJF_ENABLED);
+  Srv().SetPassword(guarded, "u", "p");
+  Srv().RemovePassword(guarded, nullptr, nullptr);
+  Server.Start();
+  handlerCalls = 0;
+  EXPECT_EQ(Get(Port(), "/echo?a=1").Body, "args 1\na\t1\t1\n");
+  EXPECT_EQ(Get(Port(), "/off").Status, 404);
+  // The extension handler answers for existing and missing files alike, and
+  // the source text is never sent.
+  EXPECT_EQ(Get(Port(), "/page.xyz").Raw, "HTTP/1.1 200 OK\r\n\r\nhandled");
+  EXPECT_EQ(Get(Port(), "/missing.xyz").Raw, "HTTP/1.1 200 OK\r\n\r\nhandled");
+  EXPECT_EQ(handlerCalls.load(), 2);
+  EXPECT_EQ(Get(Port(), "/g.txt").Body, "guarded");
+}
+
 TEST_F(DispatchTest, ParallelClientsEachGetTheirOwnFile) {
   std::vector<std::string> contents;
   for (size_t i = 0, size = 0; i < 6; i++, size = (size_t)1 << (i * 3)) {  // 0, 8, 64 ... 32 KiB
