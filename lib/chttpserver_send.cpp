@@ -1,5 +1,6 @@
 // CHttpServer: the response writers, the log line writer and small lookups.
 #include "chttpserver.h"
+#include "pl_path.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -34,31 +35,19 @@ const char kAuthBody[] =
     "  credentials (e.g., bad password), or your\n  browser doesn't understand how to supply\n"
     "  the credentials required.</p>\n  <hr>\n</body></html>\n";
 
-// The HTTP date of t, always in English and UTC. Computed by hand because
-// the C library's broken-down time is shared between threads and its
-// names follow the locale.
+// The HTTP date of t, always in English and UTC: the C library's own names
+// follow the locale, and its shared broken-down time is not thread-safe.
 void FormatHttpDate(long long t, char* out) {
   static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
   static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-  long long days = t / 86400;
-  long long secs = t % 86400;
-  if (secs < 0) {
-    secs += 86400;
-    days -= 1;
+  struct tm u;
+  if (!PlUtcTime((time_t)t, &u)) {
+    out[0] = 0;
+    return;
   }
-  int weekday = (int)((days % 7 + 11) % 7);  // 1970-01-01 was a Thursday
-  long long z = days + 719468;
-  long long era = (z >= 0 ? z : z - 146096) / 146097;
-  long long doe = z - era * 146097;
-  long long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  long long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  long long mp = (5 * doy + 2) / 153;
-  int day = (int)(doy - (153 * mp + 2) / 5 + 1);
-  int month = (int)(mp < 10 ? mp + 3 : mp - 9);
-  long long year = yoe + era * 400 + (month <= 2);
-  snprintf(out, kDateSize, "%s, %.2d %s %lld %.2d:%.2d:%.2d GMT", kDays[weekday], day,
-           kMonths[month - 1], year, (int)(secs / 3600), (int)(secs / 60 % 60), (int)(secs % 60));
+  snprintf(out, kDateSize, "%s, %.2d %s %d %.2d:%.2d:%.2d GMT", kDays[u.tm_wday], u.tm_mday,
+           kMonths[u.tm_mon], u.tm_year + 1900, u.tm_hour, u.tm_min, u.tm_sec);
 }
 
 // Appends to a header block under the overflow rule: the text must end

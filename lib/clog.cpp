@@ -1,4 +1,5 @@
 #include "clog.h"
+#include "pl_path.h"
 
 #include <cstring>
 #include <vector>
@@ -7,40 +8,12 @@
 
 namespace {
 
-// Days since 1970-01-01 to a proleptic Gregorian date.
-void CivilFromDays(long long days, int* year, int* month, int* day) {
-  long long z = days + 719468;
-  long long era = (z >= 0 ? z : z - 146096) / 146097;
-  long long doe = z - era * 146097;
-  long long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  long long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  long long mp = (5 * doy + 2) / 153;
-  *day = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
-  *month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
-  *year = static_cast<int>(yoe + era * 400 + (*month <= 2 ? 1 : 0));
-}
-
-// The UTC date and time fields of gmtime (all that the stamps and mktime
-// read), computed here because gmtime's shared result buffer may be in use
-// by other threads at the same moment.
+// gmtime's shared result buffer may be in use by other threads at the same
+// moment: break times down through the thread-safe platform call.
 struct tm UtcBreakdown(time_t when) {
-  long long secs = static_cast<long long>(when);
-  long long days = secs / 86400;
-  long long rem = secs % 86400;
-  if (rem < 0) {
-    rem += 86400;
-    --days;
-  }
   struct tm t;
   memset(&t, 0, sizeof t);
-  int year, month, day;
-  CivilFromDays(days, &year, &month, &day);
-  t.tm_year = year - 1900;
-  t.tm_mon = month - 1;
-  t.tm_mday = day;
-  t.tm_hour = static_cast<int>(rem / 3600);
-  t.tm_min = static_cast<int>(rem % 3600 / 60);
-  t.tm_sec = static_cast<int>(rem % 60);
+  PlUtcTime(when, &t);
   t.tm_isdst = 0;
   return t;
 }

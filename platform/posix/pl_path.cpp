@@ -14,3 +14,4 @@ bool PlPathInside(const char* root, const char* path) {
 }
 
 bool PlLocalTime(time_t t, struct tm* out) { return localtime_r(&t, out) != nullptr; }
+bool PlUtcTime(time_t t, struct tm* out) { return gmtime_r(&t, out) != nullptr; }

@@ -26,3 +26,4 @@ bool PlPathInside(const char* root, const char* path) {
 }
 
 bool PlLocalTime(time_t t, struct tm* out) { return localtime_s(out, &t) == 0; }
+bool PlUtcTime(time_t t, struct tm* out) { return gmtime_s(out, &t) == 0; }
