@@ -1,4 +1,5 @@
 #include "cmem.h"
+#include "clistcore.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -85,31 +86,14 @@ void CMemList::Reset() {
   Size = 0;
 }
 
-void CMemList::Clr() {
-  for (__cmem_list* node = Beg; node;) {
-    __cmem_list* next = node->Next;
-    delete node;
-    node = next;
-  }
-}
+void CMemList::Clr() { ListFreeNodes(Beg); }
 
 void CMemList::Clear() {
   Clr();
   Reset();
 }
 
-void CMemList::LinkAtEnd(__cmem_list* node) {
-  node->Next = nullptr;
-  node->Prev = Last;
-  if (Last) {
-    Last->Next = node;
-  } else {
-    Beg = IndexPtr = node;
-    Index = 0;
-  }
-  Last = node;
-  ++Num;
-}
+void CMemList::LinkAtEnd(__cmem_list* node) { ListLinkAtEnd(*this, node); }
 
 int CMemList::Add(void* p, unsigned long long n) {
   __cmem_list* node = new __cmem_list;
@@ -131,17 +115,8 @@ int CMemList::AddCopy(const void* p, unsigned long long n) {
 // Same cursor rule as CStrList: one link per sequential step, the ends
 // reached directly.
 CMem* CMemList::operator[](int i) {
-  if (i < 0 || i >= Num || !Beg) return nullptr;
-  if (i == 0) {
-    IndexPtr = Beg;
-  } else if (i == Num - 1) {
-    IndexPtr = Last;
-  } else {
-    while (i > Index) IndexPtr = IndexPtr->Next, ++Index;
-    while (i < Index) IndexPtr = IndexPtr->Prev, --Index;
-  }
-  Index = i;
-  return &IndexPtr->Mem;
+  __cmem_list* node = ListSeek<CMemList, __cmem_list>(*this, i);
+  return node ? &node->Mem : nullptr;
 }
 
 CMem* CMemList::ToCMem() const {

@@ -1,4 +1,5 @@
 #include "cstr.h"
+#include "clistcore.h"
 
 #include <charconv>
 #include <climits>
@@ -853,31 +854,14 @@ void CStrList::Reset() {
   Index = Num = 0;
 }
 
-void CStrList::Clr() {
-  for (__cstr_list* node = Beg; node;) {
-    __cstr_list* next = node->Next;
-    delete node;
-    node = next;
-  }
-}
+void CStrList::Clr() { ListFreeNodes(Beg); }
 
 void CStrList::Clear() {
   Clr();
   Reset();
 }
 
-void CStrList::LinkAtEnd(__cstr_list* node) {
-  node->Next = nullptr;
-  node->Prev = Last;
-  if (Last) {
-    Last->Next = node;
-  } else {
-    Beg = IndexPtr = node;
-    Index = 0;
-  }
-  Last = node;
-  ++Num;
-}
+void CStrList::LinkAtEnd(__cstr_list* node) { ListLinkAtEnd(*this, node); }
 
 int CStrList::Add(const char* s) { return AddObject(s, nullptr); }
 
@@ -896,17 +880,8 @@ int CStrList::AddObject(const char* s, void* obj) {
 // Sequential access walks one link from the remembered position; the two
 // ends are reached directly.
 CStrs* CStrList::operator[](int i) {
-  if (i < 0 || i >= Num || !Beg) return nullptr;
-  if (i == 0) {
-    IndexPtr = Beg;
-  } else if (i == Num - 1) {
-    IndexPtr = Last;
-  } else {
-    while (i > Index) IndexPtr = IndexPtr->Next, ++Index;
-    while (i < Index) IndexPtr = IndexPtr->Prev, --Index;
-  }
-  Index = i;
-  return &IndexPtr->Str;
+  __cstr_list* node = ListSeek<CStrList, __cstr_list>(*this, i);
+  return node ? &node->Str : nullptr;
 }
 
 __cstr_list** CStrList::CreateTable() const {
