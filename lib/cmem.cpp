@@ -1,5 +1,8 @@
 #include "cmem.h"
+#include "cfileio.h"
 #include "clistcore.h"
+
+#include <climits>
 
 #include <cstdint>
 #include <cstdio>
@@ -47,33 +50,48 @@ void CMem::Set(void* p, unsigned long long n) {
   Len = p ? n : 0;
 }
 
-bool CMem::LoadFromFile(const char* name) {
+bool ReadWholeFile(const char* name, long long maxSize, int extra, char** block, long long* size) {
+  *block = nullptr;
+  *size = 0;
   if (!name || !*name) return false;
   FILE* f = fopen(name, "rb");
   if (!f) return false;
-  bool ok = false;
-  long size = -1;
-  if (fseek(f, 0, SEEK_END) == 0) size = ftell(f);
-  if (size == 0) {
-    Empty();
-    ok = true;
-  } else if (size > 0 && fseek(f, 0, SEEK_SET) == 0) {
-    Alloc((unsigned long long)size);
-    ok = Ptr && fread(Ptr, 1, (size_t)size, f) == (size_t)size;
-    if (!ok) Empty();
+  long n = -1;
+  if (fseek(f, 0, SEEK_END) == 0) n = ftell(f);
+  bool ok = n == 0;
+  if (n > 0 && n <= maxSize && fseek(f, 0, SEEK_SET) == 0) {
+    char* data = new (std::nothrow) char[(size_t)n + (size_t)extra];
+    ok = data && fread(data, 1, (size_t)n, f) == (size_t)n;
+    if (ok) {
+      *block = data;
+      *size = n;
+    } else {
+      delete[] data;
+    }
   }
   fclose(f);
   return ok;
 }
 
-bool CMem::SaveToFile(const char* name) const {
+bool WriteWholeFile(const char* name, const void* p, long long n) {
   if (!name || !*name) return false;
   FILE* f = fopen(name, "wb");
   if (!f) return false;
-  bool ok = !Len || fwrite(Ptr, 1, (size_t)Len, f) == (size_t)Len;
+  bool ok = n <= 0 || fwrite(p, 1, (size_t)n, f) == (size_t)n;
   if (fclose(f) != 0) ok = false;
   return ok;
 }
+
+// Any failure leaves the buffer empty: a part-read file is never kept.
+bool CMem::LoadFromFile(const char* name) {
+  char* block;
+  long long size;
+  bool ok = ReadWholeFile(name, LLONG_MAX, 0, &block, &size);
+  Set(block, ok ? (unsigned long long)size : 0);
+  return ok;
+}
+
+bool CMem::SaveToFile(const char* name) const { return WriteWholeFile(name, Ptr, (long long)Len); }
 
 // ---- CMemList ----
 

@@ -1,5 +1,6 @@
 #include "cstr.h"
 #include "clistcore.h"
+#include "cfileio.h"
 
 #include <charconv>
 #include <climits>
@@ -805,38 +806,17 @@ long long CStr::FileSize() const {
   return (!IsEmpty() && PlStat(Str, &st)) ? st.Size : 0;
 }
 
+// The old text stays when the file can't be read whole.
 bool CStr::LoadFromFile(const char* name) {
-  if (!name || !*name) return false;
-  FILE* f = fopen(name, "rb");
-  if (!f) return false;
-  bool ok = false;
-  long size = -1;
-  if (fseek(f, 0, SEEK_END) == 0) size = ftell(f);
-  if (size == 0) {
-    Empty();
-    ok = true;
-  } else if (size > 0 && size < INT_MAX && fseek(f, 0, SEEK_SET) == 0) {
-    char* block = NewBlock(size + 1);
-    if (block && fread(block, 1, (size_t)size, f) == (size_t)size) {
-      block[size] = 0;
-      Adopt(block, (int)size);
-      ok = true;
-    } else {
-      delete[] block;
-    }
-  }
-  fclose(f);
-  return ok;
+  char* block;
+  long long size;
+  if (!ReadWholeFile(name, INT_MAX - 1, 1, &block, &size)) return false;
+  if (block) block[size] = 0;
+  Adopt(block, (int)size);
+  return true;
 }
 
-bool CStr::SaveToFile(const char* name) const {
-  if (!name || !*name) return false;
-  FILE* f = fopen(name, "wb");
-  if (!f) return false;
-  bool ok = Len <= 0 || fwrite(Str, 1, (size_t)Len, f) == (size_t)Len;
-  if (fclose(f) != 0) ok = false;
-  return ok;
-}
+bool CStr::SaveToFile(const char* name) const { return WriteWholeFile(name, Str, Len); }
 
 // ---- numbers ----
 
