@@ -45,6 +45,9 @@ bool PlGetCwd(std::string* out);
 // Directory for temporary files (TMPDIR or /tmp; GetTempPath on Windows),
 // without a final separator (except for a root).
 bool PlTempDir(std::string* out);
+// Makes a new directory below the temporary one, named prefix plus a unique
+// part, that only the current user can enter; its full path goes to out.
+bool PlMakePrivateTempDir(const char* prefix, std::string* out);
 // Absolute path with links, "." and ".." resolved; the entry must exist.
 bool PlRealPath(const char* path, std::string* out);
 // Full path of the running program file.

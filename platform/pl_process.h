@@ -28,6 +28,11 @@ struct PlProcessStartInfo {
   bool NoWindow = false;          // no console window (Windows only)
   bool Debug = false;             // watch for a crash of the child
   int Priority = 0;               // class as in PlProcessSetPriority, from the first instruction
+  // The child is killed when we end, also by a crash or a kill: for helper
+  // processes that must never outlive us. On Linux the tie is to the thread
+  // that starts the child, so start such children from a thread that lives
+  // as long as they should.
+  bool EndWithUs = false;
 };
 
 struct PlProc;  // opaque; one per started child
@@ -54,6 +59,8 @@ void PlProcessTerminate(PlProc* p, unsigned exitCode);
 unsigned PlProcessExitCode(PlProc* p);
 // cls: 0 normal, 1 above normal, 2 below normal. False when refused.
 bool PlProcessSetPriority(PlProc* p, int cls);
+// The system's id of the child.
+long long PlProcessId(PlProc* p);
 // Releases the record. The child must have been waited for.
 void PlProcessClose(PlProc* p);
 

@@ -91,6 +91,15 @@ bool PlTempDir(std::string* out) {
   return true;
 }
 
+bool PlMakePrivateTempDir(const char* prefix, std::string* out) {
+  std::string base;
+  PlTempDir(&base);
+  std::string pattern = base + "/" + prefix + "XXXXXX";
+  if (!mkdtemp(&pattern[0])) return false;  // mode 0700
+  *out = pattern;
+  return true;
+}
+
 bool PlRealPath(const char* path, std::string* out) {
   if (!path || !*path) return false;
   char* full = realpath(path, nullptr);

@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -140,6 +141,42 @@ int PlSockWaitReadable(PlSocket s, int timeoutSec) {
   }
 }
 
+int PlSockPoll(PlSocket s, int events, int timeoutMs) {
+  if (s == PL_NO_SOCKET) return -1;
+  pollfd p;
+  p.fd = Fd(s);
+  p.events = (short)(((events & PL_SOCK_IN) ? POLLIN : 0) | ((events & PL_SOCK_OUT) ? POLLOUT : 0));
+  const uint64_t start = PlMonotonicMs();
+  for (;;) {
+    int waitMs = timeoutMs;
+    if (timeoutMs >= 0) {
+      long long left = timeoutMs - static_cast<long long>(PlMonotonicMs() - start);
+      waitMs = left < 0 ? 0 : static_cast<int>(left);
+    }
+    p.revents = 0;
+    int r = poll(&p, 1, waitMs);
+    if (r == 0) return 0;
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    // A hang-up or error counts as readable: the next receive tells which.
+    int ready = (p.revents & (POLLIN | POLLHUP | POLLERR)) ? PL_SOCK_IN : 0;
+    if (p.revents & (POLLOUT | POLLERR)) ready |= PL_SOCK_OUT;
+    return ready & (events | PL_SOCK_IN);
+  }
+}
+
+int PlSockSendSome(PlSocket s, const void* buf, int n) {
+  if (n < 0) return -1;
+  for (;;) {
+    ssize_t r = send(Fd(s), buf, static_cast<size_t>(n), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (r >= 0) return static_cast<int>(r);
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
+    if (errno != EINTR) return -1;
+  }
+}
+
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {
   timeval tv;
   tv.tv_sec = timeoutSec > 0 ? timeoutSec : 0;
@@ -177,6 +214,47 @@ void PlSockClose(PlSocket s) {
   if (getsockopt(Fd(s), SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) == 0 && listening)
     shutdown(Fd(s), SHUT_RDWR);
   close(Fd(s));  // not retried on EINTR: the descriptor is gone either way
+}
+
+static bool LocalAddress(const char* path, sockaddr_un* sa) {
+  memset(sa, 0, sizeof *sa);
+  sa->sun_family = AF_UNIX;
+  if (!path || strlen(path) >= sizeof sa->sun_path) return false;
+  strcpy(sa->sun_path, path);
+  return true;
+}
+
+PlSocket PlSockLocalListen(const char* path, int backlog) {
+  sockaddr_un sa;
+  if (!LocalAddress(path, &sa)) return PL_NO_SOCKET;
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return PL_NO_SOCKET;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || listen(fd, backlog) != 0) {
+    close(fd);
+    return PL_NO_SOCKET;
+  }
+  return static_cast<PlSocket>(fd);
+}
+
+PlSocket PlSockLocalConnect(const char* path) {
+  PlNetNoSigPipe();
+  sockaddr_un sa;
+  if (!LocalAddress(path, &sa)) return PL_NO_SOCKET;
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return PL_NO_SOCKET;
+  int r;
+  do {
+    r = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+  } while (r != 0 && errno == EINTR);
+  if (r != 0) {
+    close(fd);
+    return PL_NO_SOCKET;
+  }
+  return static_cast<PlSocket>(fd);
+}
+
+void PlSockCloseHandle(PlSocket s) {
+  if (s != PL_NO_SOCKET) close(Fd(s));
 }
 
 bool PlResolveHost(const char* host, unsigned* addr) {

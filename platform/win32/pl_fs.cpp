@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <string.h>
 
+#include <cstdio>
 #include <vector>
 
 bool PlStat(const char* path, PlStatInfo* out) {
@@ -108,6 +109,23 @@ bool PlTempDir(std::string* out) {
   out->assign(buf.data(), got);
   DropFinalSep(out);
   return true;
+}
+
+bool PlMakePrivateTempDir(const char* prefix, std::string* out) {
+  std::string base;
+  if (!PlTempDir(&base)) return false;
+  // The user's own temporary directory is private to the user already.
+  for (unsigned attempt = 0; attempt < 100; attempt++) {
+    char unique[32];
+    snprintf(unique, sizeof unique, "%lu-%u", GetCurrentProcessId(), (unsigned)(GetTickCount() + attempt));
+    std::string path = base + "\\" + prefix + unique;
+    if (CreateDirectoryA(path.c_str(), nullptr)) {
+      *out = path;
+      return true;
+    }
+    if (GetLastError() != ERROR_ALREADY_EXISTS) return false;
+  }
+  return false;
 }
 
 bool PlRealPath(const char* path, std::string* out) {

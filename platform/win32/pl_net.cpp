@@ -105,6 +105,34 @@ int PlSockWaitReadable(PlSocket s, int timeoutSec) {
   return r > 0 ? 1 : 0;
 }
 
+int PlSockPoll(PlSocket s, int events, int timeoutMs) {
+  if (s == PL_NO_SOCKET) return -1;
+  fd_set readSet, writeSet;
+  FD_ZERO(&readSet);
+  FD_ZERO(&writeSet);
+  FD_SET(Sock(s), &readSet);
+  if (events & PL_SOCK_OUT) FD_SET(Sock(s), &writeSet);
+  timeval tv;
+  tv.tv_sec = timeoutMs / 1000;
+  tv.tv_usec = (timeoutMs % 1000) * 1000;
+  int r = select(0, &readSet, &writeSet, nullptr, timeoutMs < 0 ? nullptr : &tv);
+  if (r == SOCKET_ERROR) return -1;
+  int ready = FD_ISSET(Sock(s), &readSet) ? PL_SOCK_IN : 0;
+  if (FD_ISSET(Sock(s), &writeSet)) ready |= PL_SOCK_OUT;
+  return ready;
+}
+
+int PlSockSendSome(PlSocket s, const void* buf, int n) {
+  if (n < 0) return -1;
+  u_long on = 1, off = 0;
+  ioctlsocket(Sock(s), FIONBIO, &on);
+  int r = send(Sock(s), static_cast<const char*>(buf), n, 0);
+  bool full = r == SOCKET_ERROR && WSAGetLastError() == WSAEWOULDBLOCK;
+  ioctlsocket(Sock(s), FIONBIO, &off);
+  if (full) return 0;
+  return r == SOCKET_ERROR ? -1 : r;
+}
+
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {
   DWORD ms = timeoutSec > 0 ? static_cast<DWORD>(timeoutSec) * 1000u : 0u;
   return setsockopt(Sock(s), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&ms), sizeof ms) == 0;
@@ -126,6 +154,16 @@ void PlSockShutdownSend(PlSocket s) { shutdown(Sock(s), SD_SEND); }
 
 void PlSockClose(PlSocket s) {
   if (s != PL_NO_SOCKET) closesocket(Sock(s));  // also ends a blocked accept
+}
+
+// php-cgi on Windows takes its FastCGI connections from a named pipe or a
+// loopback port, not from a Unix-domain socket; until that transport is in,
+// callers see "no local sockets" and keep one interpreter per request.
+PlSocket PlSockLocalListen(const char*, int) { return PL_NO_SOCKET; }
+PlSocket PlSockLocalConnect(const char*) { return PL_NO_SOCKET; }
+
+void PlSockCloseHandle(PlSocket s) {
+  if (s != PL_NO_SOCKET) closesocket(Sock(s));
 }
 
 bool PlResolveHost(const char* host, unsigned* addr) {

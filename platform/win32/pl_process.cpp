@@ -60,6 +60,22 @@ void PlPipeClose(PlFile f) {
   if (f != PL_NO_FILE) CloseHandle(H(f));
 }
 
+// One job for every child that must end with us: the system kills its
+// members when the last handle to it closes, which happens when we end.
+static HANDLE EndWithUsJob() {
+  static HANDLE job = [] {
+    HANDLE j = CreateJobObjectA(nullptr, nullptr);
+    if (j) {
+      JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits;
+      memset(&limits, 0, sizeof limits);
+      limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+      SetInformationJobObject(j, JobObjectExtendedLimitInformation, &limits, sizeof limits);
+    }
+    return j;
+  }();
+  return job;
+}
+
 PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   if (!info.CmdLine) return nullptr;
   STARTUPINFOA si;
@@ -79,6 +95,7 @@ PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   const char* dir = info.CurDir && *info.CurDir ? info.CurDir : nullptr;
   if (!CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, TRUE, flags, (void*)info.Env, dir, &si, &pi))
     return nullptr;
+  if (info.EndWithUs && EndWithUsJob()) AssignProcessToJobObject(EndWithUsJob(), pi.hProcess);
   PlProc* p = new PlProc;
   p->Process = pi.hProcess;
   p->Thread = pi.hThread;
@@ -166,6 +183,8 @@ bool PlProcessSetPriority(PlProc* p, int cls) {
   if (cls < 0 || cls > 2) return false;
   return SetPriorityClass(p->Process, kClass[cls]) != 0;
 }
+
+long long PlProcessId(PlProc* p) { return p->Pid; }
 
 void PlProcessClose(PlProc* p) {
   if (!p) return;

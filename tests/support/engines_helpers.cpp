@@ -14,6 +14,16 @@
 std::string EnginesHelperPath() { return std::string(LUMETTA_HELPER_DIR) + "/pipe_helper"; }
 std::string HelperCmd(const std::string& args) { return "\"" + EnginesHelperPath() + "\" " + args; }
 
+std::string EnginesPoolHelperPath() { return std::string(LUMETTA_HELPER_DIR) + "/pool_helper"; }
+
+std::string EnginesPhpCommandLine() {
+  CStr path, args;
+  if (!FindPhpInterpreter(CStr("/nonexistent"), path, args)) return "";
+  CStr cmd;
+  cmd.Printf(args.c_str(), "");  // the argument text is a format with '%' doubled
+  return "\"" + std::string(path.c_str()) + "\" " + cmd.c_str();
+}
+
 std::string EnginesReadFile(const std::string& path) {
   std::ostringstream out;
   out << std::ifstream(path, std::ios::binary).rdbuf();
