@@ -299,9 +299,13 @@ int PhpPool::Acquire(unsigned timeoutMs) {
   Lock.Lock();
   for (;;) {
     if (!Running) break;
-    for (size_t i = 0; i < Slots.size(); i++) {
+    // Taken in turn, so every worker stays warm and none reaches its end
+    // long before the others.
+    for (size_t k = 0; k < Slots.size(); k++) {
+      size_t i = (NextSlot + k) % Slots.size();
       Slot& s = Slots[i];
       if (s.Busy || s.Broken || !s.Current || s.Current->Served >= kOwnRequestLimit) continue;
+      NextSlot = i + 1;
       s.Busy = true;
       if (++s.Current->Served >= kStartSpareAt && !s.Spare) Wake.Set();
       Lock.Unlock();

@@ -87,6 +87,7 @@ class PhpPool {
   CStr CmdLine;
   std::string SocketDir;
   unsigned Sequence = 0;
+  size_t NextSlot = 0;
   int FailedStarts = 0;  // in a row; too many and the pool gives up
   std::atomic<bool> Running{false};
   std::atomic<bool> Stopping{false};
