@@ -18,7 +18,7 @@ const int kFailedStartsToGiveUp = 3;
 const unsigned kTickMs = 100;
 const unsigned kStopWaitMs = 5000;
 const int kRequestId = 1;
-const size_t kSendPiece = 65536;
+const size_t kSendPiece = FCGI_MAX_CONTENT;
 const size_t kReceivePiece = 65536;
 
 unsigned MsLeft(uint64_t deadline) {
@@ -201,10 +201,15 @@ PhpPool::Worker* PhpPool::StartWorker(int slotIndex, CStr* why) {
   // script, and a script must see only those of its request.
   info.Env = "\0";
   info.StdIn = (PlFile)listener;
+  // A FastCGI application writes nothing to its standard output; a program
+  // that is not one would write its CGI reply there, into our own.
+  PlFile nowhere = PlOpenNullDevice();
+  info.StdOut = nowhere;
   info.NoWindow = true;
   info.EndWithUs = true;
   w->Proc = PlProcessStart(info);
   PlSockCloseHandle(listener);  // the worker holds it now
+  PlPipeClose(nowhere);
   if (!w->Proc) {
     *why = "cannot start ";
     why->Cat(CmdLine);
@@ -354,9 +359,18 @@ bool PhpRequest::Send(const CStrList& env, const void* body, size_t bodyLen) {
   // one in front, and hands them to the script from that list: sent last
   // first, they reach $_SERVER in the order of env, as they do over CGI.
   FcgiAddParams(records, kRequestId, env, true);
-  if (bodyLen) FcgiAddRecord(records, FCGI_STDIN, kRequestId, body, bodyLen);
-  FcgiAddRecord(records, FCGI_STDIN, kRequestId, nullptr, 0);
-  SendRecords(records);
+  // The body goes in pieces, never copied whole: uploads can be large.
+  const char* p = static_cast<const char*>(body);
+  for (size_t sent = 0; sent < bodyLen && !Finished && !SendFailed; sent += kSendPiece) {
+    size_t piece = bodyLen - sent < kSendPiece ? bodyLen - sent : kSendPiece;
+    FcgiAddRecord(records, FCGI_STDIN, kRequestId, p + sent, piece);
+    SendRecords(records);
+    records.clear();
+  }
+  if (!Finished && !SendFailed) {
+    FcgiAddRecord(records, FCGI_STDIN, kRequestId, nullptr, 0);
+    SendRecords(records);
+  }
   return Outcome == PHP_RUN_DONE;
 }
 
@@ -389,13 +403,19 @@ void PhpRequest::SendRecords(const std::string& records) {
     unsigned left = MsLeft(Deadline);
     if (left == 0) return End(PHP_RUN_TIMED_OUT);
     int ready = PlSockPoll(Sock, PL_SOCK_IN | PL_SOCK_OUT, (int)left);
-    if (ready < 0) return;  // reading will tell what happened
+    if (ready < 0) {
+      SendFailed = true;  // reading will tell what happened
+      return;
+    }
     if (ready & PL_SOCK_IN) {
       if (!ReceiveSome()) return;
     } else if (ready & PL_SOCK_OUT) {
       size_t piece = records.size() - pos < kSendPiece ? records.size() - pos : kSendPiece;
       int n = PlSockSendSome(Sock, records.data() + pos, (int)piece);
-      if (n < 0) return;  // the worker stopped reading; its reply may still come
+      if (n < 0) {
+        SendFailed = true;  // the worker stopped reading; its reply may still come
+        return;
+      }
       pos += (size_t)n;
     }
   }

@@ -112,6 +112,8 @@ class PhpRequest {
   // Up to n bytes of the script's output; 0 at its end, after a time-out or
   // a lost worker.
   int Read(void* buf, int n);
+  // Read for readers that take a context pointer (the request).
+  static int ReadFrom(void* request, void* buf, int n) { return static_cast<PhpRequest*>(request)->Read(buf, n); }
   PhpRunResult Result() const { return Outcome; }
   unsigned ExitStatus() const { return AppStatus; }
 
@@ -136,6 +138,7 @@ class PhpRequest {
   size_t OutPos = 0;
   std::string ErrLine;   // an error line still waiting for its end
   bool Finished = false;
+  bool SendFailed = false;
   PhpRunResult Outcome = PHP_RUN_NO_WORKER;
   unsigned AppStatus = 0;
 };

@@ -17,6 +17,9 @@ int PlPipeRead(PlFile f, void* buf, unsigned n);
 // SIGPIPE in the caller.
 bool PlPipeWrite(PlFile f, const void* buf, unsigned n);
 void PlPipeClose(PlFile f);
+// The null device opened for reading and writing, for a child's stream
+// that must go nowhere; close it with PlPipeClose. PL_NO_FILE on failure.
+PlFile PlOpenNullDevice();
 
 struct PlProcessStartInfo {
   const char* CmdLine = nullptr;  // program and arguments, Windows quoting rules

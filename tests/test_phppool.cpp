@@ -276,6 +276,38 @@ TEST_F(PhpPoolTest, NoWorkerOutlivesAKilledPlayer) {
   EXPECT_FALSE(anyAlive);
 }
 
+// When workers can no longer be started, requests are turned away at once
+// (the caller runs them the old way) instead of waiting for a worker.
+TEST(PhpPoolStart, GivesUpWhenWorkersCannotBeReplaced) {
+  std::string cmd = EnginesPhpCommandLine();
+  if (cmd.empty()) GTEST_SKIP() << "php-cgi is not installed";
+  EnginesTempDir dir;
+  std::string program = cmd.substr(1, cmd.find('"', 1) - 1);
+  std::filesystem::copy_file(program, dir / "php-cgi");
+  std::filesystem::permissions(dir / "php-cgi", std::filesystem::perms::owner_all);
+  EnginesWriteFile(dir / "page.php", "<?php echo 'up';");
+  PhpPool pool;
+  ASSERT_TRUE(pool.Start(("\"" + dir / "php-cgi" + "\"" + cmd.substr(cmd.find('"', 1) + 1)).c_str(), 1));
+  std::filesystem::remove(dir / "php-cgi");
+  for (long long pid : pool.WorkerPids()) kill((pid_t)pid, SIGKILL);
+  uint64_t start = PlMonotonicMs();
+  CStrList env;
+  env.Add(("SCRIPT_FILENAME=" + dir / "page.php").c_str());
+  PhpRunResult result;
+  do {
+    PhpRequest req(pool);
+    req.Send(env, nullptr, 0);
+    char buf[64];
+    while (req.Read(buf, sizeof buf) > 0) {
+    }
+    result = req.Result();
+  } while (result != PHP_RUN_NO_WORKER && PlMonotonicMs() - start < 5000);
+  EXPECT_EQ(result, PHP_RUN_NO_WORKER);
+  EXPECT_LT(PlMonotonicMs() - start, 3000u);
+  EXPECT_FALSE(pool.IsRunning());
+  EXPECT_FALSE(pool.FailureText().IsEmpty());
+}
+
 // An interpreter that only speaks CGI, or none at all: the pool says so and
 // leaves nothing running, and the caller keeps one interpreter per request.
 TEST(PhpPoolStart, RefusesWhatIsNotAFastCgiApplication) {

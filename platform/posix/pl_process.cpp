@@ -105,6 +105,11 @@ void PlPipeClose(PlFile f) {
   if (f != PL_NO_FILE) close((int)f);
 }
 
+PlFile PlOpenNullDevice() {
+  int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  return fd < 0 ? PL_NO_FILE : MoveAboveStdio(fd);
+}
+
 // ---------------------------------------------------------------- command line
 
 // Windows argument rules: blanks separate words outside quotes; 2n

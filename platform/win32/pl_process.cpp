@@ -76,6 +76,13 @@ static HANDLE EndWithUsJob() {
   return job;
 }
 
+PlFile PlOpenNullDevice() {
+  SECURITY_ATTRIBUTES sa = {sizeof sa, nullptr, TRUE};  // children inherit it
+  HANDLE h = CreateFileA("NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
+                         OPEN_EXISTING, 0, nullptr);
+  return h == INVALID_HANDLE_VALUE ? PL_NO_FILE : (PlFile)(intptr_t)h;
+}
+
 PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   if (!info.CmdLine) return nullptr;
   STARTUPINFOA si;
