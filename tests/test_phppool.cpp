@@ -117,6 +117,16 @@ TEST_F(PhpPoolTest, ManyRequestsOnTheSameWorkers) {
   EXPECT_EQ(Pool.WorkerPids(), pids);
 }
 
+// Over CGI php-cgi reads a query without '=' as its own command-line
+// options; a worker got its options at start and a query is only data.
+TEST_F(PhpPoolTest, QueryCannotActAsInterpreterOptions) {
+  for (const char* query : {"-s", "-d+cgi.force_redirect%3d1", "-n"}) {
+    PhpRun r = Get("query.php", query);
+    EXPECT_EQ(r.Result, PHP_RUN_DONE) << query;
+    EXPECT_EQ(Body(r).rfind("q=;pid=", 0), 0u) << query << ": " << r.Out;
+  }
+}
+
 TEST_F(PhpPoolTest, ScriptSeesExactlyTheVariablesSentInOrder) {
   CStrList env;
   std::string lines;
