@@ -15,7 +15,10 @@ namespace {
 const int kOwnRequestLimit = 500;
 const int kStartSpareAt = 400;
 const int kFailedStartsToGiveUp = 3;
-const unsigned kTickMs = 100;
+const unsigned kTickMs = 100;  // slice of a request's wait for a free worker
+// The supervisor is woken for every change a request notices; the tick
+// only catches a worker that died while idle before a request finds it.
+const unsigned kSuperviseTickMs = 500;
 const unsigned kStopWaitMs = 5000;
 const int kRequestId = 1;
 const size_t kSendPiece = FCGI_MAX_CONTENT;
@@ -129,7 +132,7 @@ void PhpPool::Supervise() {
       firstRound = false;
       FirstRound.Set();
     }
-    Wake.Wait(kTickMs);
+    Wake.Wait(kSuperviseTickMs);
   }
   EndAllWorkers();
   FirstRound.Set();

@@ -44,11 +44,14 @@ class PhpPool {
   bool Start(const char* cmdLine, int workers);
   // Ends every worker and waits for them; requests in flight end as lost.
   void Stop();
+  // False also once the pool gave up replacing workers that can no longer
+  // be started; FailureText() then tells why.
   bool IsRunning() const { return Running; }
   const CStr& FailureText() const { return Failure; }
   int WorkerCount() const { return (int)Slots.size(); }
 
-  // Seconds a script may run before its worker is ended.
+  // Seconds a request may take, counted from Send (a wait for a free
+  // worker included), before its worker is ended.
   unsigned TimeOutSec = 600;
   // Seconds a new worker gets to answer its first FastCGI exchange.
   unsigned ProbeTimeOutSec = 5;
