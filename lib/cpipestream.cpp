@@ -42,10 +42,9 @@ void CPipeStream::Open(const char* cmd, const char* curDir, CStrList* env, int a
   CurDir = curDir ? curDir : "";
   Status = 0;
   ExitCode = 0;
-  if (env) {
-    Environ = env->ToCharNull();
-    if (!Environ) Environ = new char[2]{0, 0};  // an empty list is an empty environment, not ours
-  }
+  // An empty list gives no block, and without a block the child inherits
+  // our environment: a caller with nothing to add need not copy ours.
+  if (env) Environ = env->ToCharNull();
   if (!PlPipeCreate(&hChildStdoutRd, &hChildStdoutWr, 1)) {
     CloseAll();
     throw (int)CERR_GEN_PIPE;
@@ -239,7 +238,14 @@ void CPipeStream::Write(const void* buf, unsigned int len) {
 }
 
 void CPipeStream::WriteConv(const char* buf, unsigned int len) {
-  if ((AccFlags & CPIPE_BINARY) || TextMode == 0) {
+  if (AccFlags & CPIPE_BINARY) {
+    Write(buf, len);
+    return;
+  }
+  // Text goes byte by byte in principle, so no bytes means nothing to do.
+  if (len == 0) return;
+  if (!buf) throw (int)CERR_GEN_MISSINGARGUMENT;
+  if (TextMode == 0) {
     Write(buf, len);
     return;
   }

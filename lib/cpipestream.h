@@ -14,7 +14,7 @@
 // AccFlags bits.
 enum {
   CPIPE_BINARY = 2,    // text writes pass bytes unchanged
-  CPIPE_DEBUG = 4,     // watch the child for a crash
+  CPIPE_DEBUG = 4,     // watch the child for a crash (a bad memory access)
   CPIPE_NOWINDOW = 8,  // no console window for the child
   CPIPE_READ = 32,     // the child's output and error come to us
   CPIPE_WRITE = 64     // the child's input comes from us
@@ -57,7 +57,8 @@ class CPipeStream {
   CPipeStream& operator=(const CPipeStream&) = delete;
 
   void Set();
-  // Starts the child; throws CERR_GEN_PIPE or CERR_GEN_RUN.
+  // Starts the child; throws CERR_GEN_PIPE or CERR_GEN_RUN. A null or empty
+  // env lets the child inherit our environment.
   void Open(const char* cmd, const char* curDir, CStrList* env, int accFlags);
 
   unsigned int Read(void* buf, unsigned int len);

@@ -40,7 +40,7 @@ PlProc* PlProcessStart(const PlProcessStartInfo& info);
 enum PlWaitResult {
   PL_PROC_RUNNING = 0,  // the time ran out, the child still runs
   PL_PROC_EXITED = 1,
-  PL_PROC_CRASHED = 2   // ended by a crash (debug mode only)
+  PL_PROC_CRASHED = 2   // ended by a bad memory access (debug mode only)
 };
 // Waits for the child at most timeoutMs (PL_PROC_INFINITE: no limit). Only the
 // thread that started the child may wait for it (the Windows debug loop).

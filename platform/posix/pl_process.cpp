@@ -251,9 +251,10 @@ PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   return p;
 }
 
-static bool IsCrashSignal(int sig) {
-  return sig == SIGSEGV || sig == SIGBUS || sig == SIGILL || sig == SIGFPE || sig == SIGABRT;
-}
+// Only a bad memory access counts as a crash, the counterpart of the access
+// violation the Windows debug loop watches for; an abort or a bad
+// instruction is an ordinary, if abnormal, end.
+static bool IsCrashSignal(int sig) { return sig == SIGSEGV || sig == SIGBUS; }
 
 // Collects the child's status when it has ended. Done under the lock so
 // that Terminate never signals a process id that has been handed back.

@@ -24,6 +24,7 @@ int main(int argc, char** argv) {
   const char* arg = argc > 2 ? argv[2] : "";
   if (mode == "exit") return atoi(arg);
   if (mode == "crash") raise(SIGSEGV);
+  if (mode == "signal") raise(atoi(arg));  // ends by the numbered signal
   if (mode == "print") return Out(Unescape(arg));
   if (mode == "sleep") {  // with a grandchild that holds the output open as long
     fork();
