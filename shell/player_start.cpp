@@ -172,12 +172,18 @@ void ConfigureServer() {
   RegisterMimeTypes(HttpServer);
 }
 
-// Takes the first port from PORT upwards that can be listened on, wrapping
-// past 65535. After one full round without success it gives up, and the
-// accept step below reports the failure.
+bool ListenOn(int port, void*) {
+  return HttpServer->SetPortA(static_cast<unsigned short>(port)) && HttpServer->StartListening();
+}
+
+// Listens on the first port from PORT upwards that is free. Port 0 means "any
+// port" to the system, so the search goes on from 1 after 65535; after one
+// full round the player gives up rather than go on forever.
 void FindPort() {
-  for (int tries = 0; tries < 65536 && !HttpServer->StartListening(); tries++)
-    HttpServer->SetPortA(static_cast<unsigned short>(HttpServer->GetPort() + 1));
+  if (SearchPorts(HttpServer->GetPort(), ListenOn, nullptr) == 0) {
+    Error("No free port was found to listen on.");
+    throw 0;
+  }
 }
 
 void StartAcceptingOrFail() {
@@ -206,6 +212,15 @@ int PlayerMain(char* const* words, int count, void (*run)(void* arg), void* arg)
     }
   }
   PlNetCleanup();
+  return 0;
+}
+
+int SearchPorts(int first, bool (*tryPort)(int port, void* arg), void* arg) {
+  int port = first >= 1 && first <= 65535 ? first : 1;
+  for (int tries = 0; tries < 65535; tries++) {
+    if (tryPort(port, arg)) return port;
+    port = port == 65535 ? 1 : port + 1;
+  }
   return 0;
 }
 

@@ -44,6 +44,10 @@ void StartPlayer(PlayerWindow& window);
 // lumetta-serve).
 void StopPlayer();
 
+// Offers tryPort the ports from first upwards, going on from 1 after 65535,
+// each once at most. Returns the port it accepted, 0 when it took none.
+int SearchPorts(int first, bool (*tryPort)(int port, void* arg), void* arg);
+
 // The address the browser opens: "http://localhost:<port>" and, with a start
 // page, "/" and the page.
 CStr StartAddress(int port, const CStr& startPage);

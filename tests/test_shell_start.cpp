@@ -3,6 +3,7 @@
 // ctest-labels: threads
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -131,6 +132,49 @@ TEST_F(ShellStart, HomeDirTokensPhpAndIcon) {
   StopPlayer();
   Start("HOMEDIR=%PROGDIR%");
   EXPECT_STREQ(HttpServer->GetHomeDir().c_str(), ProgDir.c_str());
+}
+
+// Every port is offered once, going on from 1 after 65535 (0 would let the
+// system choose), and the search ends after a full round.
+TEST(PortSearch, WrapsPastTheTopAndStopsAfterOneRound) {
+  struct Tried {
+    std::vector<int> Ports;
+    int Accept;
+    static bool Offer(int port, void* arg) {
+      Tried* t = static_cast<Tried*>(arg);
+      t->Ports.push_back(port);
+      return port == t->Accept;
+    }
+  };
+  const struct { int first, accept, found; std::vector<int> start; } cases[] = {
+      {65534, 1, 1, {65534, 65535, 1}},
+      {0, 2, 2, {1, 2}},
+      {70000, 1, 1, {1}},
+      {8080, -1, 0, {8080, 8081}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.first);
+    Tried t{{}, c.accept};
+    EXPECT_EQ(SearchPorts(c.first, Tried::Offer, &t), c.found);
+    EXPECT_EQ(std::vector<int>(t.Ports.begin(), t.Ports.begin() + c.start.size()), c.start);
+    if (c.found) continue;
+    EXPECT_EQ(t.Ports.size(), 65535u);
+    EXPECT_EQ(t.Ports.back(), 8079);
+    std::sort(t.Ports.begin(), t.Ports.end());
+    EXPECT_EQ(std::unique(t.Ports.begin(), t.Ports.end()), t.Ports.end());
+  }
+}
+
+TEST_F(ShellStart, TakenTopPortGoesOnFromTheBottom) {
+  PlSocket blocker = PlSockTcp();
+  bool held = PlSockBind(blocker, 0x7F000001, 65535) && PlSockListen(blocker, 1);
+  Tmp.Write("Lumetta.ini", "[Lumetta]\nPORT=65535\nHOMEDIR=" + Tmp.Path() + "\n");
+  StartPlayer(W);  // taken either by us or by someone else
+  int port = HttpServer->GetPort();
+  EXPECT_GE(port, 1);
+  EXPECT_LT(port, 65535) << held;
+  EXPECT_EQ(W.Log.at(W.Log.size() - 1), "navigate http://localhost:" + std::to_string(port));
+  PlSockClose(blocker);
 }
 
 }  // namespace
