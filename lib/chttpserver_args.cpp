@@ -88,26 +88,40 @@ struct PartHead {
   bool IsEmptyFile;  // a file field sent without a file
 };
 
+// The name="..." parameter in a part's header text, not the tail of
+// filename="...", whichever of the two comes first.
+char* FindNameParam(char* header) {
+  for (char* p = header; (p = strstr(p, "name=\"")) != nullptr; p += 6) {
+    char before = p == header ? ' ' : p[-1];
+    if (before == ' ' || before == '\t' || before == ';') return p;
+  }
+  return nullptr;
+}
+
 // Reads the headers of the part that starts at p. The header text is cut
 // in place (the name's closing quote and the blank line become zeros).
 bool ReadPartHead(char* p, PartHead& part) {
   char* disp = strstr(p, "Content-Disposition:");
   if (!disp) return false;
-  char* name = strstr(disp + 20, "name=\"");
-  if (!name) return false;
-  name += 6;
-  char* quote = strchr(name, '"');
-  if (!quote) return false;
-  *quote = 0;
-  char* blank = strstr(quote + 1, "\r\n\r\n");
-  if (!blank) {
-    *quote = '"';  // leave the text whole so later parts are still found
+  char* blank = strstr(disp, "\r\n\r\n");
+  if (!blank) return false;
+  *blank = 0;  // the searches below stay inside this part's header
+  char* name = FindNameParam(disp + 20);
+  char* quote = name ? strchr(name + 6, '"') : nullptr;
+  if (!quote) {
+    *blank = '\r';  // leave the text whole so later parts are still found
     return false;
   }
-  *blank = 0;
-  part.Name = name;
-  part.Data = blank + 4;
+  *quote = 0;
+  // filename= may come after the name or before it, never inside its value.
   char* fileName = strstr(quote + 1, "filename=");
+  if (!fileName) {
+    *name = 0;
+    fileName = strstr(disp + 20, "filename=");
+    *name = 'n';
+  }
+  part.Name = name + 6;
+  part.Data = blank + 4;
   part.IsFile = fileName && fileName[10] != '"';
   part.IsEmptyFile = fileName && !part.IsFile;
   return true;
