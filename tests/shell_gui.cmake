@@ -10,7 +10,7 @@ if(TARGET lumetta-serve)
   endforeach()
 endif()
 if(TARGET lumetta)
-  foreach(case window no-statusbar borderless port-taken bad-options demo)
+  foreach(case window no-statusbar borderless port-taken bad-options demo off-screen)
     add_test(NAME shell_gui_${case}
       COMMAND bash ${CMAKE_SOURCE_DIR}/tests/gui/player_test.sh
               $<TARGET_FILE_DIR:lumetta> ${CMAKE_SOURCE_DIR} ${case})

@@ -6,7 +6,9 @@
 BIN_DIR=$1 SRC_DIR=$2 CASE=$3
 if [[ ${4:-} != --inside ]]; then
   command -v xvfb-run >/dev/null || { echo "SKIP: xvfb-run missing"; exit 77; }
-  exec xvfb-run -a -s "-screen 0 1280x1024x24 -nolisten tcp" "$0" "$@" --inside
+  SCREEN=1280x1024x24
+  [[ $CASE == off-screen ]] && SCREEN=1280x800x24  # a laptop's screen
+  exec xvfb-run -a -s "-screen 0 $SCREEN -nolisten tcp" "$0" "$@" --inside
 fi
 source "$SRC_DIR/tests/gui/common.sh"
 PLAYER="$BIN_DIR/lumetta"
@@ -154,6 +156,26 @@ port-taken)
   start_player "$WORK/log" /INI "$WORK/a.ini"
   grep -qx "navigate: http://localhost:$((PORT + 1))" "$WORK/log" || { cat "$WORK/log" >&2; fail "next port not taken (blocked $PORT)"; }
   curl -fsS "http://127.0.0.1:$((PORT + 1))/" | grep -q "colour page" || fail "serving"
+  ;;
+off-screen)
+  # Settings made for a larger screen: the window is moved, and if need be
+  # made smaller, until it lies inside the 1280x800 screen, status strip too.
+  make_colour_site "$WORK/site" "#00c060"
+  for shape in "900 620 600 300 900x639" "900 1000 100 100 900x"; do
+    read -r w h left top client <<< "$shape"
+    PORT=$(free_port)
+    write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "CLIENT_WIDTH=$w" \
+      "CLIENT_HEIGHT=$h" "CENTER=0" "LEFT=$left" "TOP=$top"
+    start_player "$WORK/log" /INI "$WORK/a.ini"
+    got=$(geometry_field "$WORK/log" client)
+    at=$(geometry_field "$WORK/log" at)
+    cx=${at%,*} cy=${at#*,} gw=${got%x*} gh=${got#*x}
+    [[ $got == "$client"* ]] || fail "client area $got for $shape"
+    (( cx >= 0 && cy >= 0 && cx + gw <= 1280 && cy + gh <= 800 )) ||
+      fail "client area $got at $at leaves the screen for $shape"
+    kill -TERM "$PLAYER_PID"
+    expect_exit_0
+  done
   ;;
 bad-options)
   # Without a display: stderr only, no hang, exit 0.
