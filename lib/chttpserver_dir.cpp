@@ -6,7 +6,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "pl_path.h"
+#include "pl_fs.h"
+#include "pl_time.h"
 
 namespace {
 

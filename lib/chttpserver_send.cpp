@@ -1,6 +1,6 @@
 // CHttpServer: the response writers, the log line writer and small lookups.
 #include "chttpserver.h"
-#include "pl_path.h"
+#include "pl_time.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "pl_fs.h"
-#include "pl_path.h"
+#include "pl_time.h"
 #include "server_support.h"
 
 using namespace srvtest;
