@@ -1,3 +1,5 @@
+// CPipeStream: starting the child and its watcher thread first, then ending
+// and closing, then reading and writing the pipes.
 #include "cpipestream.h"
 
 #include <cstdlib>

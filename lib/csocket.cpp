@@ -1,3 +1,5 @@
+// CSocket: connecting and starting TLS, the 4 KiB input buffer and its
+// refills, then the reads and writes built on them.
 #include "csocket.h"
 
 #include <climits>

@@ -1,3 +1,5 @@
+// The player's start, shared by every front end: options, settings, window
+// shaping, the server's set-up and port search, then the first navigation.
 #include "player_start.h"
 
 #include <cstdio>

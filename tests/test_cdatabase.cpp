@@ -1,3 +1,5 @@
+// CDatabase against the system's SQLite: the blob encoding, statements built
+// from hostile text, key comparison and blobs.
 #include <gtest/gtest.h>
 
 #include "cdatabase.h"

@@ -1,3 +1,5 @@
+// File and memory streams: blocks and seeks, both byte orders, line ends,
+// record framing and the file open modes.
 #include <gtest/gtest.h>
 
 #include <memory>

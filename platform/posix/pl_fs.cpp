@@ -1,3 +1,5 @@
+// File-system access on POSIX: status, directory search, directory and file
+// management, and the well-known paths.
 #include "pl_fs.h"
 
 #include <dirent.h>

@@ -1,3 +1,5 @@
+// BSD sockets on POSIX: TCP listening, accepting, connecting and transfer,
+// name lookup, and SIGPIPE kept away from the process.
 #include "pl_net.h"
 
 #include <arpa/inet.h>

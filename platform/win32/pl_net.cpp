@@ -1,3 +1,5 @@
+// WinSock 2: start-up, TCP listening, accepting, connecting and transfer,
+// and name lookup.
 #include "pl_net.h"
 
 #include <winsock2.h>

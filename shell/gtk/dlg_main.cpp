@@ -1,3 +1,5 @@
+// TDlgMain on GTK: building the window, the settings the start sequence
+// applies to it, showing it inside the screen, and its debug reports.
 #include "dlg_main.h"
 
 #include <webkit2/webkit2.h>

@@ -1,3 +1,5 @@
+// Scratch directories, raw exchanges with a real CHttpServer, reply parsing
+// and an argument-echoing engine, for the server tests.
 #include "server_support.h"
 
 #include <gtest/gtest.h>
