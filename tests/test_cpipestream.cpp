@@ -100,6 +100,7 @@ TEST(CPipeStream, MisuseThrowsCodes) {
   // Text writes of nothing do nothing, in every line-end mode.
   CPipeStream text;
   text.Open(HelperCmd("exit 0").c_str(), nullptr, nullptr, CPIPE_WRITE);
+  text.Wait();  // the watcher reads the flags while it runs
   for (int mode : {0, 1, 2}) {
     text.TextMode = mode;
     EXPECT_EQ(Thrown([&] { text.WriteConv("", 0); }), 0) << mode;
