@@ -312,7 +312,9 @@ void CHttpServer::ParseContentType(HTTPS_CLIENT* client, char* save) {
 void CHttpServer::DispatchWithBody(HTTPS_CLIENT* client) {
   bool post = client->Method == HTTPS_MET_POST;
   const char* method = GetMethodStr(client->Method);
-  if (client->PostLen < 0 || (post && client->PostLen == 0)) {
+  // A chunked body has no Content-Length; read as an empty one it would be
+  // lost without a word, so the client is asked for a length instead.
+  if (client->PostLen < 0 || (post && client->PostLen == 0) || HttpsHeader(client, "Transfer-Encoding")) {
     // A negative length is as unusable as a missing one.
     SendError(client, ErrMsg411, method);
     return;

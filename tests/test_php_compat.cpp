@@ -160,6 +160,8 @@ TEST_F(PhpCompat, MethodsBeyondGetAndPost) {
       {Request("HEAD", "/act.ebd"), "HTTP/1.1 405 Method Not Allowed\r\n"},
       {Request("TRACE", "/probe.php"), "HTTP/1.1 405 Method Not Allowed\r\n"},
       {Request("PUT", "/missing.php", "", "x"), "HTTP/1.1 404 Not Found\r\n"},
+      // A body without a length is refused, not read as empty.
+      {Request("PUT", "/probe.php", "Transfer-Encoding: chunked\r\n"), "HTTP/1.1 411 Length Required\r\n"},
   };
   for (const auto& c : refused) EXPECT_EQ(Ask(c.request).Raw, c.reply) << c.request.substr(0, 40);
 }
