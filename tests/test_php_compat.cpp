@@ -177,6 +177,25 @@ TEST_F(PhpCompat, PostToADirectoryRunsItsDefaultDocument) {
   EXPECT_EQ(Ask(Request("POST", "/", form, "a=1")).Raw, "HTTP/1.1 405 Method Not Allowed\r\n");
 }
 
+// Neither a default document nor a script with a path after it may be
+// found through a link that leads out of the home directory.
+TEST_F(PhpCompat, NewWaysToAScriptStayInside) {
+  ScratchDir outside;
+  outside.Write("index.php", "<?php echo 'OUTSIDE-RAN';");
+  fs::create_directory_symlink(outside.Path(), Home.Join("linkdir"));
+  fs::create_symlink(outside.Join("index.php"), Home.Join("link.php"));
+  const std::string form = "Content-Type: application/x-www-form-urlencoded\r\n";
+  for (const std::string& request :
+       {Request("POST", "/linkdir/", form, "a=1"), Request("POST", "/linkdir", form, "a=1"),
+        Request("PUT", "/linkdir/", "", "a=1"), Request("POST", "/app/../linkdir/", form, "a=1"),
+        Request("GET", "/link.php/x"), Request("GET", "/linkdir/index.php/x"),
+        Request("POST", "/link.php/x", form, "a=1"), Request("HEAD", "/link.php")}) {
+    Reply r = Ask(request);
+    EXPECT_EQ(r.Raw.find("OUTSIDE-RAN"), std::string::npos) << request.substr(0, 40);
+    EXPECT_GE(r.Status, 403) << request.substr(0, 40);
+  }
+}
+
 TEST_F(PhpCompat, PathInfoNeedsARealScript) {
   const struct {
     std::string target;
