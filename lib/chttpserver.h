@@ -226,7 +226,7 @@ class CHttpServer {
   void ServeRequest(HTTPS_CLIENT* client);
   bool ReadRequest(HTTPS_CLIENT* client);
   bool ParseRequestLine(HTTPS_CLIENT* client, char* line);
-  bool RefuseHead(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* why);
+  bool RefuseHead(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* whyFormat, int limit);
   void ParseHeader(HTTPS_CLIENT* client, char* line);
   void ParseContentType(HTTPS_CLIENT* client, char* save);
   void DispatchWithBody(HTTPS_CLIENT* client);

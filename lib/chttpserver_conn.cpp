@@ -188,10 +188,11 @@ bool CHttpServer::ReadRequest(HTTPS_CLIENT* client) {
     line[strcspn(line, "\r\n")] = 0;
     bool first = client->Method == HTTPS_MET_NONE;
     if (unfinished || (int)strlen(line) > HTTPS_MAX_LINE_LEN)
-      return first ? RefuseHead(client, ErrMsg414, "request line longer than 8192 bytes")
-                   : RefuseHead(client, ErrMsg431, "header line longer than 8192 bytes");
+      return first ? RefuseHead(client, ErrMsg414, "request line longer than %d bytes", HTTPS_MAX_LINE_LEN)
+                   : RefuseHead(client, ErrMsg431, "header line longer than %d bytes", HTTPS_MAX_LINE_LEN);
     headBytes += raw;
-    if (headBytes > HTTPS_MAX_HEAD_LEN) return RefuseHead(client, ErrMsg431, "request head over 64 KiB");
+    if (headBytes > HTTPS_MAX_HEAD_LEN)
+      return RefuseHead(client, ErrMsg431, "request head longer than %d bytes", HTTPS_MAX_HEAD_LEN);
     if (!line[0]) break;
     if (first) {
       if (!ParseRequestLine(client, line)) return false;
@@ -222,7 +223,7 @@ bool CHttpServer::ParseRequestLine(HTTPS_CLIENT* client, char* line) {
 // head is read and dropped first (up to a bound of its own): closing with
 // unread bytes makes the system reset the connection, and the client would
 // lose the answer.
-bool CHttpServer::RefuseHead(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* why) {
+bool CHttpServer::RefuseHead(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* whyFormat, int limit) {
   char scrap[4096];
   int dropped = 0;
   while (dropped < 4 * HTTPS_MAX_HEAD_LEN && client->Socket->Gets(scrap, sizeof scrap)) {
@@ -230,7 +231,9 @@ bool CHttpServer::RefuseHead(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char
     dropped += n > 0 ? n : 1;
     if (scrap[0] == '\n' || (scrap[0] == '\r' && scrap[1] == '\n')) break;
   }
-  SendError(client, err, why, 1);
+  CStr why;
+  why.Printf(whyFormat, limit);
+  SendError(client, err, why.c_str(), 1);
   return false;
 }
 

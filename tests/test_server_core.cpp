@@ -250,7 +250,7 @@ TEST_F(ServerCore, RequestHeadLimits) {
        "431 Request Header Fields Too Large (header line longer than 8192 bytes)"},
       {Get("/echo", head63k), "200", ""},
       {Get("/echo", head65k), "HTTP/1.1 431 Request Header Fields Too Large\r\n",
-       "431 Request Header Fields Too Large (request head over 64 KiB)"},
+       "431 Request Header Fields Too Large (request head longer than 65536 bytes)"},
       // A line end of a bare LF counts the same.
       {"GET /echo?" + std::string(8200, 'q') + " HTTP/1.1\n\n", "HTTP/1.1 414 URI Too Long\r\n", ""},
   };
