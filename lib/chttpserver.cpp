@@ -84,6 +84,8 @@ void CHttpServer::Init() {
   ErrMsg411.Message = "411 Length Required";
   ErrMsg413.Message = "413 Request Entity Too Large";
   ErrMsg500.Message = "500 Internal Server Error";
+  ErrMsg414.Message = "414 URI Too Long";
+  ErrMsg431.Message = "431 Request Header Fields Too Large";
   CacheExpire = 18000;
   OnCgi = nullptr;
   OnConnect = nullptr;

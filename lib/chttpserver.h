@@ -102,6 +102,13 @@ struct __https_obj {
 // Per-request flag bits (HTTPS_CLIENT::Flags).
 enum { HTTPS_CLIENTF_KEEPALIVE = 1 };
 
+// Limits of a request head. A line (request line or header, its line end
+// not counted) may hold HTTPS_MAX_LINE_LEN bytes and the whole head, line
+// ends included, HTTPS_MAX_HEAD_LEN: past them the request is refused with
+// 414 or 431, never cut.
+const int HTTPS_MAX_LINE_LEN = 8192;
+const int HTTPS_MAX_HEAD_LEN = 65536;
+
 // One connection and its parsed request; owned by the connection thread.
 struct HTTPS_CLIENT {
   CCgi* Cgi;
@@ -132,7 +139,14 @@ struct HTTPS_CLIENT {
   PlThread* Thread;
   unsigned long ThreadID;  // set by the connection thread itself
   time_t ModifiedTm;
+  CStr Target;      // the request target as sent: not decoded, query included
+  CStr PathInfo;    // "/a/b" of "/script.php/a/b"; Arg is then "/script.php"
+  CStrList InHeaders;  // every header line as "Name: value", in arrival order
 };
+
+// The value of the first header called name (any case), blanks around it
+// removed; null when the client did not send it.
+const char* HttpsHeader(HTTPS_CLIENT* client, const char* name);
 
 class CHttpServer {
  public:
@@ -140,7 +154,12 @@ class CHttpServer {
     HTTPS_MET_NONE = 0,
     HTTPS_MET_GET = 1,
     HTTPS_MET_POST = 2,
-    HTTPS_MET_UNK = 3
+    HTTPS_MET_UNK = 3,
+    HTTPS_MET_HEAD = 4,
+    HTTPS_MET_PUT = 5,
+    HTTPS_MET_PATCH = 6,
+    HTTPS_MET_DELETE = 7,
+    HTTPS_MET_OPTIONS = 8
   } HTTPS_MET;
   enum HTTPS_POSTENC {
     HTTPS_POSTENC_NONE = 0,
@@ -170,6 +189,8 @@ class CHttpServer {
   HTTPS_ERRMSG ErrMsg411;
   HTTPS_ERRMSG ErrMsg413;
   HTTPS_ERRMSG ErrMsg500;
+  HTTPS_ERRMSG ErrMsg414;
+  HTTPS_ERRMSG ErrMsg431;
   time_t CacheExpire;
   CGI_ENG_FUNC OnCgi;
   bool (*OnConnect)(int localAddr, int remoteAddr, int remotePort);
@@ -204,9 +225,16 @@ class CHttpServer {
   void ClientSocketClosing(HTTPS_CLIENT* client);
   void ServeRequest(HTTPS_CLIENT* client);
   bool ReadRequest(HTTPS_CLIENT* client);
+  bool ParseRequestLine(HTTPS_CLIENT* client, char* line);
+  bool RefuseHead(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* whyFormat, int limit);
   void ParseHeader(HTTPS_CLIENT* client, char* line);
   void ParseContentType(HTTPS_CLIENT* client, char* save);
-  void DispatchPost(HTTPS_CLIENT* client);
+  void DispatchWithBody(HTTPS_CLIENT* client);
+  // Path resolution shared by GET and the methods with a body.
+  bool LocalTarget(const CStr& urlPath, CStr& local, bool& isDir);
+  CStrs* DefaultDocIn(const CStr& dir);
+  void ResolveDefaultDocument(HTTPS_CLIENT* client);
+  void SplitPathInfo(HTTPS_CLIENT* client);
   bool WriteAll(CSocket* sock, const char* buf, int len);
   void SendErrorPage(HTTPS_CLIENT* client, HTTPS_ERRMSG& err);
 
@@ -260,6 +288,8 @@ class CHttpServer {
   int GetMaxPostLen() const { return MaxPostLen; }
   unsigned short GetPort() const { return Port; }
   const char* GetMethodStr(int method);
+  // Methods whose request may carry a body (read like a POST body).
+  static bool HasRequestBody(int method);
 
   // Request arguments and GET dispatch.
   bool ParseArgs(__https_obj*& object, HTTPS_CLIENT* client, int typeMask);

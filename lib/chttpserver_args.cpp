@@ -173,7 +173,7 @@ void ParseMultipart(CCgi* cgi, char* body, int len, const CStr& boundary) {
 
 bool CHttpServer::ParseArgs(__https_obj*& object, HTTPS_CLIENT* client, int typeMask) {
   object = nullptr;
-  bool isPost = client->Method == HTTPS_MET_POST;
+  bool isPost = HasRequestBody(client->Method);  // any body is read like a POST body
   if (!isPost && client->QueryStr.IsEmpty()) {
     object = ObjGet(typeMask, client->Arg.c_str());
     return true;
@@ -186,7 +186,7 @@ bool CHttpServer::ParseArgs(__https_obj*& object, HTTPS_CLIENT* client, int type
   int len = isPost ? client->PostLen : client->QueryStr.Len;
   WorkBuffer work(isPost ? nullptr : client->QueryStr.Str, len, client->Boundary.Len + 1);
   if (isPost) {
-    PrintLog(client->Ip, "POST \"%s\"", client->Arg.c_str());
+    PrintLog(client->Ip, "%s \"%s\"", GetMethodStr(client->Method), client->Arg.c_str());
     if (client->Socket->Read(work.Buf, len) < len) {
       SendError(client, ErrMsg413, "Incomplete POST");
       return false;

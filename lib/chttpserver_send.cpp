@@ -21,7 +21,9 @@ const int kDateSize = 40;
 // pieces of one TLS record.
 const int kFileChunk = 16384;
 
-const char* const kMethodNames[] = {"NONE", "GET", "POST", "UNKNOWN"};
+const char* const kMethodNames[] = {"NONE", "GET", "POST", "UNKNOWN", "HEAD",
+                                    "PUT", "PATCH", "DELETE", "OPTIONS"};
+const int kMethodCount = (int)(sizeof kMethodNames / sizeof kMethodNames[0]);
 
 const char kMovedBodyHead[] =
     "<head><title>Document Moved</title></head><body><h1>Object Moved</h1>"
@@ -231,8 +233,13 @@ const char* CHttpServer::GetMimeType(CStr& ext) {
 }
 
 const char* CHttpServer::GetMethodStr(int method) {
-  if (method < 0 || method > 3) method = 3;
+  if (method < 0 || method >= kMethodCount) method = HTTPS_MET_UNK;
   return kMethodNames[method];
+}
+
+bool CHttpServer::HasRequestBody(int method) {
+  return method == HTTPS_MET_POST || method == HTTPS_MET_PUT || method == HTTPS_MET_PATCH ||
+         method == HTTPS_MET_DELETE || method == HTTPS_MET_OPTIONS;
 }
 
 const char* CHttpServer::Time(long long* now) {

@@ -17,6 +17,7 @@ static const unsigned kWatcherGraceMs = 6000;
 
 CPipeStream::CPipeStream() : Status(0), ExitCode(0) {
   hChildStdinRd = hChildStdinWr = hChildStdoutRd = hChildStdoutWr = PL_NO_FILE;
+  hChildStderrRd = hChildStderrWr = PL_NO_FILE;
   hProcess = nullptr;
   hStartEvent = nullptr;
   hRunThread = nullptr;
@@ -55,6 +56,10 @@ void CPipeStream::Open(const char* cmd, const char* curDir, CStrList* env, int a
     CloseAll();
     throw (int)CERR_GEN_PIPE;
   }
+  if ((accFlags & CPIPE_STDERR) && !PlPipeCreate(&hChildStderrRd, &hChildStderrWr, 1)) {
+    CloseAll();
+    throw (int)CERR_GEN_PIPE;
+  }
   Cmd = cmd ? cmd : "";
   hStartEvent = new PlEvent;
   hRunThread = PlThreadStart(RunFunc, this);
@@ -79,7 +84,10 @@ bool CPipeStream::StartChild() {
   info.CmdLine = Cmd.c_str();
   info.CurDir = CurDir.c_str();
   info.Env = Environ;
-  if (AccFlags & CPIPE_READ) info.StdOut = info.StdErr = hChildStdoutWr;
+  if (AccFlags & CPIPE_READ) {
+    info.StdOut = hChildStdoutWr;
+    info.StdErr = (AccFlags & CPIPE_STDERR) ? hChildStderrWr : hChildStdoutWr;
+  }
   if (AccFlags & CPIPE_WRITE) info.StdIn = hChildStdinRd;
   info.NoWindow = (AccFlags & CPIPE_NOWINDOW) != 0;
   info.Debug = (AccFlags & CPIPE_DEBUG) != 0;
@@ -120,6 +128,8 @@ void CPipeStream::Watch() {
   hChildStdoutWr = PL_NO_FILE;
   PlPipeClose(hChildStdinRd);
   hChildStdinRd = PL_NO_FILE;
+  PlPipeClose(hChildStderrWr);
+  hChildStderrWr = PL_NO_FILE;
 }
 
 void CPipeStream::ApplyPriority() { PlProcessSetPriority(hProcess, PriClass[Priority]); }
@@ -147,6 +157,8 @@ void CPipeStream::CloseAll() {
   ClosePipeEnd(hChildStdoutRd);
   ClosePipeEnd(hChildStdoutWr);
   ClosePipeEnd(hChildStdinRd);
+  ClosePipeEnd(hChildStderrRd);
+  ClosePipeEnd(hChildStderrWr);
   PlProcessClose(hProcess);
   hProcess = nullptr;
   delete hStartEvent;
@@ -181,6 +193,13 @@ unsigned int CPipeStream::Read(void* buf, unsigned int len) {
   if (!buf || !len) throw (int)CERR_GEN_MISSINGARGUMENT;
   if (!(AccFlags & CPIPE_READ)) throw (int)CERR_GEN_WRITEONLY;
   int n = PlPipeRead(hChildStdoutRd, buf, len);
+  return n > 0 ? (unsigned)n : 0;
+}
+
+unsigned int CPipeStream::ReadErr(void* buf, unsigned int len) {
+  if (!buf || !len) throw (int)CERR_GEN_MISSINGARGUMENT;
+  if (!(AccFlags & CPIPE_STDERR)) throw (int)CERR_GEN_WRITEONLY;
+  int n = PlPipeRead(hChildStderrRd, buf, len);
   return n > 0 ? (unsigned)n : 0;
 }
 

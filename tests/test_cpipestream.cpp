@@ -144,6 +144,25 @@ TEST(CPipeStream, ChildGetsTheGivenEnvironmentOrOurs) {
   EXPECT_NE(RunToEnd(p, "/usr/bin/env").find("PATH="), std::string::npos);
 }
 
+TEST(CPipeStream, ErrorOutputMergedOrOnAPipeOfItsOwn) {
+  CPipeStream p;
+  EXPECT_EQ(RunToEnd(p, HelperCmd("both out\\n err\\n")), "out\nerr\n");
+  std::string err;
+  std::thread drain;
+  p.Open(HelperCmd("both out\\n err\\n").c_str(), nullptr, nullptr, CPIPE_READ | CPIPE_STDERR);
+  drain = std::thread([&] {
+    char buf[64];
+    unsigned n;
+    while ((n = p.ReadErr(buf, sizeof buf)) > 0) err.append(buf, n);
+  });
+  EXPECT_EQ(ReadAll(p), "out\n");
+  p.Wait();
+  drain.join();
+  EXPECT_EQ(err, "err\n");
+  CPipeStream plain;
+  EXPECT_EQ(Thrown([&] { plain.ReadErr(&err[0], 1); }), CERR_GEN_WRITEONLY);
+}
+
 TEST(CPipeStream, CommandLineFollowsWindowsQuotingRules) {
   CPipeStream p;
   EXPECT_EQ(RunToEnd(p, HelperCmd("args \"two words\" a\\b \"q\\\"uote\" back\\\\\"slash x\" 3\\\\\\\"q \"\" end")),

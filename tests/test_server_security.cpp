@@ -68,8 +68,8 @@ TEST_F(SecurityTest, TraversalCorpusNeverLeavesTheRoots) {
       "http://localhost/../secret.txt", "/~/secret.txt",
       // NUL inside a name.
       "/a.txt%00.html", "/%00/../secret.txt", "/link_out%00",
-      // Very long paths: the line reader cuts them, the rest becomes a header.
-      "/" + std::string(10240, 'a'), "/" + repeat("../", 3500) + "secret.txt",
+      // Very long paths: past 8 KiB refused whole (414), just below it resolved.
+      "/" + std::string(10240, 'a'), "/" + repeat("../", 2700) + "secret.txt",
       "/" + repeat("a/", 2500) + repeat("../", 2600),
       // Links out of the home directory.
       "/link_out", "/dirlink", "/dirlink/", "/dirlink/secret.txt", "/dirlink/home/../secret.txt",
@@ -82,7 +82,7 @@ TEST_F(SecurityTest, TraversalCorpusNeverLeavesTheRoots) {
     SCOPED_TRACE(target.substr(0, 80));
     std::string raw = Exchange(Server.Port(), "GET " + target + " HTTP/1.1\r\nHost: h\r\n\r\n");
     int status = ParseReply(raw).Status;
-    EXPECT_TRUE(status == 403 || status == 404) << raw.substr(0, 40);
+    EXPECT_TRUE(status == 403 || status == 404 || status == 414) << raw.substr(0, 40);
     EXPECT_EQ(raw.find("TOPSECRET"), std::string::npos);
   }
   // What stays inside is still served.

@@ -20,6 +20,9 @@ done
 # start_player LOG ARGS...: starts the window and waits until it is laid out.
 start_player() {
   local log=$1; shift
+  # Emptied here, not only by the child's redirection: the wait below could
+  # otherwise still read the previous run's line.
+  : > "$log"
   "$PLAYER" "$@" > /dev/null 2> "$log" &
   PLAYER_PID=$!
   PIDS+=($PLAYER_PID)
