@@ -116,6 +116,13 @@ std::string MovedReply(const std::string& url) {
          "Content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
+long ProcStatusKb(const std::string& field) {
+  std::ifstream in("/proc/self/status");
+  for (std::string line; std::getline(in, line);)
+    if (line.compare(0, field.size() + 1, field + ":") == 0) return atol(line.c_str() + field.size() + 1);
+  return -1;
+}
+
 bool EchoArgsEngine(void*, void* c) {
   HTTPS_CLIENT* client = (HTTPS_CLIENT*)c;
   CCgi* cgi = client->Cgi;
