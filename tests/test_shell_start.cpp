@@ -76,7 +76,13 @@ class ShellStart : public ::testing::Test {
     Tmp.Write("Lumetta.ini", "[Lumetta]\n" + ini + "\nPORT=" + std::to_string(QuietPort()) +
                                  "\nHOMEDIR=" + Tmp.Path() + "\n");
     StartPlayer(W);
-    return "navigate http://localhost:" + std::to_string(HttpServer->GetPort());
+    return "navigate http://localhost:" + std::to_string(HttpServer->GetPort()) + "/" + KeyQuery("?");
+  }
+  // The window's first load carries the server's fresh access key.
+  static std::string KeyQuery(const char* sep) {
+    const CStr& key = HttpServer->GetAccessKey();
+    EXPECT_EQ(key.Len, 32);
+    return std::string(sep) + "lumetta_key=" + key.c_str();
   }
 };
 
@@ -114,7 +120,7 @@ TEST_F(ShellStart, DefaultsTitleStartPageMissingIconAndTakenPort) {
   EXPECT_EQ(W.Log, (Calls{"caption From the command line", "centered", "status on", "sizeable",
                           "width 640", "height 480", "not on top", "buttons SNX",
                           "navigate http://localhost:" + std::to_string(port + 1) +
-                              "/docs/a.html"}));
+                              "/docs/a.html" + KeyQuery("?")}));
   PlSockClose(blocker);
 }
 

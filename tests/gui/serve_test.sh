@@ -16,6 +16,19 @@ start_serve() {
   URL=$(head -1 "$out")
 }
 
+# open_key: opens the printed address the way a browser would, keeping the
+# access key's cookie in $JAR for the requests that follow (curl "${KEY[@]}").
+open_key() {
+  JAR=$WORK/jar
+  KEY=(-b "$JAR")
+  local head
+  head=$(curl -sS -D - -o /dev/null -c "$JAR" "$URL") || fail "key address"
+  grep -q '^HTTP/1.1 302' <<< "$head" || fail "key address did not redirect"
+  grep -qi "^Set-Cookie: lumetta_key=[0-9a-f]\{32\}; HttpOnly; SameSite=Strict; Path=/" <<< "$head" \
+    || fail "key cookie: $head"
+  LOCATION=$(grep -i '^Location:' <<< "$head" | tr -d '\r' | cut -d' ' -f2)
+}
+
 stop_serve() {  # signal
   kill -"$1" "$SERVE_PID"
   wait "$SERVE_PID"; local rc=$?
@@ -31,22 +44,31 @@ demo)
   sed "s/^PORT=.*/PORT=$PORT/" "$SRC_DIR/examples/demo/Lumetta.ini" > "$WORK/demo.ini"
   cd "$SRC_DIR/examples/demo"
   start_serve "$WORK/out" /INI "$WORK/demo.ini"
-  [[ $URL == "http://localhost:$PORT" ]] || fail "start address $URL"
-  curl -fsS "$URL/" | grep -q "<h1>Lumetta demo</h1>" || fail "index page"
-  ctype=$(curl -fsS -o /dev/null -w '%{content_type}' "$URL/style.css")
+  [[ $URL =~ ^http://localhost:$PORT/\?lumetta_key=[0-9a-f]{32}$ ]] || fail "start address $URL"
+  open_key
+  [[ $LOCATION == / ]] || fail "key address led to '$LOCATION'"
+  URL="http://localhost:$PORT"
+  # Without the key: the explaining page, for pages and the run wrapper alike.
+  for path in / /form.php "/run.ebd?file=/bin/true"; do
+    code=$(curl -sS -o "$WORK/denied" -w '%{http_code}' "$URL$path")
+    [[ $code == 403 ]] || fail "$path without the key: $code"
+  done
+  grep -q "lumetta-serve printed" "$WORK/denied" || fail "403 page text"
+  curl -fsS "${KEY[@]}" "$URL/" | grep -q "<h1>Lumetta demo</h1>" || fail "index page"
+  ctype=$(curl -fsS "${KEY[@]}" -o /dev/null -w '%{content_type}' "$URL/style.css")
   [[ $ctype == text/css* ]] || fail "style sheet served as '$ctype'"
-  ctype=$(curl -fsS -o /dev/null -w '%{content_type}' "$URL/img/banner.png")
+  ctype=$(curl -fsS "${KEY[@]}" -o /dev/null -w '%{content_type}' "$URL/img/banner.png")
   [[ $ctype == image/png* ]] || fail "image served as '$ctype'"
-  curl -fsS "$URL/docs/" | grep -q "The docs folder" || fail "folder index page"
-  curl -fsS -d "name=Ada+L" "$URL/form.php" | grep -q '<strong id="name">Ada L</strong>' \
+  curl -fsS "${KEY[@]}" "$URL/docs/" | grep -q "The docs folder" || fail "folder index page"
+  curl -fsS "${KEY[@]}" -d "name=Ada+L" "$URL/form.php" | grep -q '<strong id="name">Ada L</strong>' \
     || fail "PHP form"
   # Uploads arrive byte-exact well past the server's default 4 KiB body limit.
   head -c 3000000 /dev/urandom > "$WORK/upload.bin"
   want=$(md5sum < "$WORK/upload.bin" | cut -d' ' -f1)
-  page=$(curl -fsS -F "name=Up" -F "attachment=@$WORK/upload.bin" "$URL/form.php")
+  page=$(curl -fsS "${KEY[@]}" -F "name=Up" -F "attachment=@$WORK/upload.bin" "$URL/form.php")
   grep -q "<span id=\"upload-size\">3000000</span>" <<< "$page" || fail "upload size"
   grep -q "$want" <<< "$page" || fail "upload content"
-  curl -fsS "$URL/notes.php" | grep -q 'href="/run.ebd?file=[^"]*notes.txt' \
+  curl -fsS "${KEY[@]}" "$URL/notes.php" | grep -q 'href="/run.ebd?file=[^"]*notes.txt' \
     || fail "run wrapper link"
   stop_serve TERM
   port_listening "$PORT" && fail "port still open after SIGTERM"
@@ -55,11 +77,16 @@ port-search)
   PORT=$(free_port)
   mkdir -p "$WORK/site" && echo one > "$WORK/site/index.html"
   write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT"
-  start_serve "$WORK/out1" /INI "$WORK/a.ini"
+  # The first one without the key: a bare address that any client may use.
+  start_serve "$WORK/out1" --no-access-key /INI "$WORK/a.ini"
   first=$SERVE_PID
   [[ $URL == "http://localhost:$PORT" ]] || fail "first server at $URL"
+  [[ $(curl -fsS "$URL/") == one ]] || fail "keyless server refused a client"
   start_serve "$WORK/out2" /INI "$WORK/a.ini" /START docs/a.html
-  [[ $URL == "http://localhost:$((PORT + 1))/docs/a.html" ]] || fail "second server at $URL"
+  [[ $URL =~ ^http://localhost:$((PORT + 1))/docs/a.html\?lumetta_key=[0-9a-f]{32}$ ]] \
+    || fail "second server at $URL"
+  open_key
+  [[ $LOCATION == /docs/a.html ]] || fail "start page key led to '$LOCATION'"
   stop_serve INT
   SERVE_PID=$first
   stop_serve INT
