@@ -135,9 +135,12 @@ void CHttpServer::ServeRequest(HTTPS_CLIENT* client) {
   client->PostLen = 0;
   client->Socket->SetDeadline(HeadDeadlineMs);
   bool haveRequest = ReadRequest(client);
+  // A head cut off by the deadline is not served in part.
+  const bool late = client->Socket->DeadlinePassed();
   client->Socket->SetDeadline(-1);
   HeadDone(client);
-  if (!haveRequest) return;
+  if (late) PrintLog(client->Ip, "Request head not complete in time");
+  if (!haveRequest || late) return;
   if (client->Flags & HTTPS_CLIENTF_BADLENGTH) {
     SendBareLine(client, "400 Bad Request", "Content-Length");
     return;

@@ -77,6 +77,8 @@ void CSocket::SetDeadline(int ms) {
   if (ms < 0 && Ssl) PlSockSetRecvTimeout(Socket, TimeOut);  // undo the cut in FillInBuf
 }
 
+bool CSocket::DeadlinePassed() const { return Deadline && PlMonotonicMs() >= Deadline; }
+
 int CSocket::WaitMs() const {
   long long wait = TimeOut < 0 ? -1 : static_cast<long long>(TimeOut) * 1000;
   if (Deadline) {

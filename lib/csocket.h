@@ -83,6 +83,7 @@ class CSocket {
   // A point in time, ms from now, after which no wait for input goes on,
   // however the peer paces its bytes: input ends there. Negative: none.
   void SetDeadline(int ms);
+  bool DeadlinePassed() const;
   int Write(const void* buf, int n);  // one unbuffered send: its count, 0 on failure
   bool IsEof() const { return Eof; }
 
