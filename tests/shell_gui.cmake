@@ -1,7 +1,7 @@
 # Script tests of the player's programs: lumetta-serve over HTTP, and the
 # windowed player under a virtual X server (skipped without xvfb-run).
 if(TARGET lumetta-serve)
-  foreach(case demo port-search options)
+  foreach(case demo port-search key-php options)
     add_test(NAME shell_serve_${case}
       COMMAND bash ${CMAKE_SOURCE_DIR}/tests/gui/serve_test.sh
               $<TARGET_FILE_DIR:lumetta-serve> ${CMAKE_SOURCE_DIR} ${case})

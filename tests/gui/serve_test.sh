@@ -91,6 +91,33 @@ port-search)
   SERVE_PID=$first
   stop_serve INT
   ;;
+key-php)
+  # The key's cookie never reaches PHP; foreign names and origins are refused
+  # before PHP or the run wrapper is reached.
+  command -v php-cgi >/dev/null || skip "php-cgi missing"
+  PORT=$(free_port)
+  mkdir -p "$WORK/site"
+  echo '<?php echo "[", $_SERVER["HTTP_COOKIE"] ?? "", "]";' > "$WORK/site/cookies.php"
+  write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "PHP=1"
+  start_serve "$WORK/out" /INI "$WORK/a.ini"
+  open_key
+  URL="http://localhost:$PORT"
+  seen=$(curl -fsS "${KEY[@]}" -b "app=1; theme=dark" "$URL/cookies.php")
+  [[ $seen == "[app=1; theme=dark]" || $seen == "[theme=dark; app=1]" ]] || fail "PHP saw '$seen'"
+  seen=$(curl -fsS "${KEY[@]}" "$URL/cookies.php")
+  [[ $seen == "[]" ]] || fail "PHP saw '$seen' with only the key"
+  # A bare status line: curl reports its code and no body.
+  code=$(curl -sS -o /dev/null -w '%{http_code}' "${KEY[@]}" -H "Host: evil.example:$PORT" "$URL/cookies.php")
+  [[ $code == 403 ]] || fail "foreign Host got '$code'"
+  code=$(curl -sS -o /dev/null -w '%{http_code}' "${KEY[@]}" -H "Origin: http://localhost:1" \
+    -d "a=1" "$URL/cookies.php")
+  [[ $code == 403 ]] || fail "post from another port: $code"
+  code=$(curl -sS -o /dev/null -w '%{http_code}' "${KEY[@]}" -e "http://evil.example/" \
+    "$URL/run.ebd?file=/bin/sh&parameters=-c%20%22touch%20$WORK/pwned%22")
+  [[ $code == 403 ]] || fail "run wrapper from a foreign page: $code"
+  [[ -e $WORK/pwned ]] && fail "a foreign page started a program"
+  stop_serve TERM
+  ;;
 options)
   "$SERVE" /INI "$WORK/missing.ini" > "$WORK/o" 2> "$WORK/e"; rc=$?
   [[ $rc == 0 ]] || fail "exit code $rc for a missing settings file"
