@@ -2,17 +2,12 @@
 // The server as an attacker on the same machine meets it: requests without
 // the access key, from foreign origins or under foreign Host names, header
 // injection through redirects, lying Content-Length values, and clients that
-// hold connections or memory without asking for anything.
+// lie about their bodies (floods and memory: test_server_flood and
+// test_server_memory).
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <fstream>
-#include <memory>
 #include <string>
-#include <vector>
 
-#include "pl_process.h"
-#include "pl_thread.h"
 #include "server_support.h"
 
 using namespace srvtest;
@@ -38,14 +33,6 @@ bool MoveEngine(void*, void* c) {
   return true;
 }
 
-// Answers with the size of the body it was handed.
-bool BodySizeHandler(void*, void* c) {
-  HTTPS_CLIENT* client = (HTTPS_CLIENT*)c;
-  std::string out = "size " + std::to_string(client->Cgi ? client->Cgi->ArgsRaw.Len : -1);
-  if (client->CHttpServerEx->SendHeader(client, (int)out.size(), "text/plain", nullptr, 0, 0))
-    client->Socket->Write(out.data(), (int)out.size());
-  return true;
-}
 
 class AccessTest : public ::testing::Test {
  protected:
@@ -56,7 +43,7 @@ class AccessTest : public ::testing::Test {
     Server.Srv().EngsAdd("/cookies", CookieEngine, HTTPS_OBJF_ENABLED);
     Server.Srv().EngsAdd("/move", MoveEngine, HTTPS_OBJF_ENABLED);
     Server.Srv().Vadd("bin", Home.Join("up.bin").c_str(), nullptr, HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED);
-    Server.Srv().OnCgi = BodySizeHandler;
+    Server.Srv().OnCgi = BodySizeEngine;
     Server.Srv().SetMaxPostLen(64 << 20);
   }
   void StartKeyed() {
@@ -222,41 +209,6 @@ TEST_F(AccessTest, ContentLengthIsDigitsInRangeOrRefused) {
                          "Content-Length: 0003\r\n"})
     EXPECT_EQ(ParseReply(Request("POST /x.bin HTTP/1.1", HostLine() + ok, "a=1")).Body, "size 3") << ok;
   EXPECT_TRUE(Server.WaitLog("400 Bad Request (Content-Length)"));
-}
-
-TEST_F(AccessTest, AnnouncedBodiesCostNothingUntilTheyArrive) {
-  Server.Start();
-  const std::string announce = "POST /x.bin HTTP/1.1\r\n" + HostLine() + "Content-Length: 67108864\r\n\r\n";
-  const long before = ProcStatusKb("VmRSS");
-  if (before < 0) GTEST_SKIP() << "no /proc";
-  std::vector<std::unique_ptr<Conn>> idle;
-  for (int i = 0; i < 16; i++) {
-    idle.push_back(std::make_unique<Conn>(Server.Port()));
-    idle.back()->Send(announce + "abc");
-  }
-  PlSleepMs(500);
-  const long added = ProcStatusKb("VmRSS") - before;
-  EXPECT_LT(added, 50 * 1024) << "KiB added by 16 announced bodies";
-  RecordProperty("announced_rss_kib", std::to_string(added));
-  idle.clear();
-
-  // One whole upload: held once, so the peak stays near its size.
-  const int size = 64 << 20;
-  Conn up(Server.Port());
-  ASSERT_TRUE(up.Send("POST /x.bin HTTP/1.1\r\n" + HostLine() + "Content-Length: " + std::to_string(size) + "\r\n\r\n"));
-  const std::string chunk(1 << 20, 'u');
-  std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts again from here
-  const long base = ProcStatusKb("VmRSS");
-  long peak = base;
-  for (int sent = 0; sent < size; sent += (int)chunk.size()) {
-    ASSERT_TRUE(up.Send(chunk));
-    peak = std::max(peak, ProcStatusKb("VmRSS"));
-  }
-  std::string reply = up.ReadAll(30);
-  peak = std::max({peak, ProcStatusKb("VmRSS"), ProcStatusKb("VmHWM")});
-  EXPECT_EQ(ParseReply(reply).Body, "size " + std::to_string(size));
-  EXPECT_LT(peak - base, (long)(size / 1024 * 13 / 10)) << "KiB peak above the start of the upload";
-  RecordProperty("upload_peak_kib", std::to_string(peak - base));
 }
 
 }  // namespace

@@ -123,6 +123,14 @@ long ProcStatusKb(const std::string& field) {
   return -1;
 }
 
+bool BodySizeEngine(void*, void* c) {
+  HTTPS_CLIENT* client = (HTTPS_CLIENT*)c;
+  std::string out = "size " + std::to_string(client->Cgi ? client->Cgi->ArgsRaw.Len : -1);
+  if (client->CHttpServerEx->SendHeader(client, (int)out.size(), "text/plain", nullptr, 0, 0))
+    client->Socket->Write(out.data(), (int)out.size());
+  return true;
+}
+
 bool EchoArgsEngine(void*, void* c) {
   HTTPS_CLIENT* client = (HTTPS_CLIENT*)c;
   CCgi* cgi = client->Cgi;
