@@ -140,3 +140,21 @@ TEST_F(ShellStart, HomeDirTokensPhpAndIcon) {
 }
 
 }  // namespace
+
+// Where the window's first load goes, and keys that never repeat.
+TEST(ShellKeyAddress, AddsTheKeyToTheQueryOfAPath) {
+  const struct {
+    const char *address, *key, *expected;
+  } cases[] = {
+      {"http://localhost:8580", "k1", "http://localhost:8580/?lumetta_key=k1"},
+      {"http://localhost:8580/docs/a.html", "k1", "http://localhost:8580/docs/a.html?lumetta_key=k1"},
+      {"http://localhost:8580/a.php?x=1", "k1", "http://localhost:8580/a.php?x=1&lumetta_key=k1"},
+      {"http://localhost:8580/a.php", "", "http://localhost:8580/a.php"},
+  };
+  for (const auto& c : cases)
+    EXPECT_STREQ(KeyAddress(CStr(c.address), CStr(c.key)).c_str(), c.expected) << c.address;
+  CStr a = CHttpServer::NewAccessKey(), b = CHttpServer::NewAccessKey();
+  EXPECT_EQ(a.Len, 32);
+  EXPECT_EQ(std::string(a.c_str()).find_first_not_of("0123456789abcdef"), std::string::npos);
+  EXPECT_NE(std::string(a.c_str()), std::string(b.c_str()));
+}
