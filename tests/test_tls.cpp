@@ -114,4 +114,16 @@ TEST_F(TlsTest, SilentAndTricklingClientsDelayNobody) {
   const uint64_t took = PlMonotonicMs() - start;
   EXPECT_LT(took, 3000u);
   RecordProperty("tls_reply_ms", std::to_string(took));
+  // However slowly it trickles, the handshake ends at its deadline.
+  const uint64_t trickleStart = PlMonotonicMs();
+  bool closed = false;
+  while (!closed && PlMonotonicMs() - trickleStart < 15000) {
+    trickling.Write("\x03", 1);
+    char byte;
+    closed = PlSockWaitReadable(trickling.Socket, 0) == 1 && PlSockRecv(trickling.Socket, &byte, 1) <= 0;
+    PlSleepMs(500);
+  }
+  EXPECT_TRUE(closed);
+  EXPECT_LT(PlMonotonicMs() - trickleStart, (uint64_t)CSocket::kTlsHandshakeMs + 2000);
+  RecordProperty("tls_trickle_cut_ms", std::to_string(PlMonotonicMs() - trickleStart));
 }
