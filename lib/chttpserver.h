@@ -100,7 +100,7 @@ struct __https_obj {
 };
 
 // Per-request flag bits (HTTPS_CLIENT::Flags).
-enum { HTTPS_CLIENTF_KEEPALIVE = 1 };
+enum { HTTPS_CLIENTF_KEEPALIVE = 1, HTTPS_CLIENTF_BADLENGTH = 2 };
 
 // Limits of a request head. A line (request line or header, its line end
 // not counted) may hold HTTPS_MAX_LINE_LEN bytes and the whole head, line
@@ -132,6 +132,8 @@ struct HTTPS_CLIENT {
   CStr InConnection;
   CStr InCookies;
   CStr InUserAgent;
+  CStr InOrigin;
+  CStr InSecFetchSite;
   int PostLen;
   int PostType;
   // Null: the accepting thread releases the handle at once, because the
@@ -211,6 +213,9 @@ class CHttpServer {
   int MaxPostLen;
   PlThread* AcceptingThread;
   unsigned long AcceptingThreadID;
+  CStr AccessKey;  // empty: every client is served
+  int ConnCap;      // open connections allowed at once; set when accepting starts
+  int HeadDeadlineMs;
   // Book-keeping of connection threads, so that a finished one can take the
   // next connection and the destructor can wake and wait for them instead of
   // leaving them with a dangling server.
@@ -235,6 +240,15 @@ class CHttpServer {
   CStrs* DefaultDocIn(const CStr& dir);
   void ResolveDefaultDocument(HTTPS_CLIENT* client);
   void SplitPathInfo(HTTPS_CLIENT* client);
+  bool AdmitConnection();
+  void HeadDone(HTTPS_CLIENT* client);
+  bool AdmitRequest(HTTPS_CLIENT* client);
+  bool AdmitFromOrigin(HTTPS_CLIENT* client);
+  bool IsOwnHost(const CStr& host) const;
+  bool IsOwnOrigin(const char* url) const;
+  void SendKeyCookie(HTTPS_CLIENT* client, const CStr& target);
+  void SendKeyMissing(HTTPS_CLIENT* client);
+  void SendBareLine(HTTPS_CLIENT* client, const char* status, const char* info);
   bool WriteAll(CSocket* sock, const char* buf, int len);
   void SendErrorPage(HTTPS_CLIENT* client, HTTPS_ERRMSG& err);
 
@@ -272,11 +286,27 @@ class CHttpServer {
   // False when the request must stop (a reply has been sent).
   bool CheckAccess(__https_obj* obj, HTTPS_CLIENT* client);
 
+  // The access key: with one set, only requests that carry it in the
+  // cookie AccessKeyName (or once, in the query, to receive that cookie) are
+  // served, and only under a local Host name. Empty switches it off (the
+  // default). False for a key with characters a cookie can't hold.
+  static constexpr const char* AccessKeyName = "lumetta_key";
+  bool SetAccessKey(const char* key);
+  const CStr& GetAccessKey() const { return AccessKey; }
+  // A fresh key of 128 random bits from the operating system, as 32 hex
+  // digits; empty when the system gave none.
+  static CStr NewAccessKey();
+
   // Settings.
   bool SetPortA(unsigned short port);
   bool SetListeningAddr(unsigned int addr);
   void SetMaxConn(int n);
   void SetMaxPostLen(int n);
+  // Time a connection has for its whole request head (15 s unless changed).
+  void SetHeadDeadlineMs(int ms);
+  // Connections served at once: below the process's open-file limit, taken
+  // when accepting starts.
+  int GetConnCap() const { return ConnCap; }
   bool SetDir(CStr& field, CStr path);
   bool SetHomeDir(const char* path);
   bool SetHomeDir(CStr path);

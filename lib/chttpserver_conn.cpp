@@ -35,6 +35,23 @@ const char* HeaderRest(char* name, char* save, int skip) {
   return p;
 }
 
+// Digits only, within an int; anything else (signs, blanks inside, trailing
+// text, overflow) is refused rather than guessed at.
+bool ParseContentLength(const char* text, int* out) {
+  while (*text == ' ' || *text == '\t') text++;
+  long long value = 0;
+  const char* p = text;
+  for (; *p >= '0' && *p <= '9'; p++) {
+    value = value * 10 + (*p - '0');
+    if (value > 0x7fffffff) return false;
+  }
+  if (p == text) return false;
+  while (*p == ' ' || *p == '\t') p++;
+  if (*p) return false;
+  *out = (int)value;
+  return true;
+}
+
 time_t ParseModifiedSince(const char* value) {
   static const char* const kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -111,9 +128,16 @@ unsigned int CHttpServer::ClientEx(void* arg) {
     unsigned short localPort = 0;
     PlSockLocalAddr(client->Socket->Socket, &client->LocalIp, &localPort);
   }
+  // The handshake runs here, not on the accepting thread, so a client that
+  // stalls it holds up nobody else; the deadline frees this thread too.
+  bool ready = true;
+  if (srv->SslEnabled && !client->Socket->Ssl) {
+    ready = client->Socket->AcceptTls(srv->SslCtx, CSocket::kTlsHandshakeMs);
+    if (!ready && srv->OnSslError) srv->OnSslError(client, 1);
+  }
   // This thread is where everything thrown by an engine or the socket stops.
   try {
-    srv->ServeRequest(client);
+    if (ready) srv->ServeRequest(client);
   } catch (...) {
   }
   try {
@@ -135,7 +159,19 @@ void CHttpServer::ServeRequest(HTTPS_CLIENT* client) {
   client->ModifiedTm = 0;
   client->PostType = HTTPS_POSTENC_NONE;
   client->PostLen = 0;
-  if (!ReadRequest(client)) return;
+  client->Socket->SetDeadline(HeadDeadlineMs);
+  bool haveRequest = ReadRequest(client);
+  // A head cut off by the deadline is not served in part.
+  const bool late = client->Socket->DeadlinePassed();
+  client->Socket->SetDeadline(-1);
+  HeadDone(client);
+  if (late) PrintLog(client->Ip, "Request head not complete in time");
+  if (!haveRequest || late) return;
+  if (client->Flags & HTTPS_CLIENTF_BADLENGTH) {
+    SendBareLine(client, "400 Bad Request", "Content-Length");
+    return;
+  }
+  if (!AccessKey.IsEmpty() && !AdmitRequest(client)) return;
 
   if (OnRequest && !OnRequest(client)) return;
   if (RedirEnabled && !client->Arg.IsEmpty()) {
@@ -152,6 +188,7 @@ void CHttpServer::ServeRequest(HTTPS_CLIENT* client) {
   }
   client->Arg.UrlDecode();
   SplitPathInfo(client);
+  if (!AccessKey.IsEmpty() && !AdmitFromOrigin(client)) return;
 
   if (client->Method == HTTPS_MET_GET || client->Method == HTTPS_MET_HEAD)
     Get(client);
@@ -283,8 +320,21 @@ void CHttpServer::ParseHeader(HTTPS_CLIENT* client, char* line) {
   } else if (EqualsIC(name, "If-Modified-Since")) {
     if (client->Method == HTTPS_MET_GET)
       client->ModifiedTm = ParseModifiedSince(HeaderRest(name, save, 1));
+  } else if (EqualsIC(name, "Origin")) {
+    client->InOrigin = HeaderRest(name, save, 2);
+  } else if (EqualsIC(name, "Sec-Fetch-Site")) {
+    client->InSecFetchSite = HeaderRest(name, save, 2);
   } else if (EqualsIC(name, "Content-Length")) {
-    if (HasRequestBody(client->Method)) client->PostLen = atoi(HeaderRest(name, save, 1));
+    // A second length that disagrees makes the body's end ambiguous.
+    int len = 0;
+    bool ok = ParseContentLength(HeaderRest(name, save, 1), &len);
+    if (!HasRequestBody(client->Method)) {
+      // Bodies of other methods are never read.
+    } else if (!ok || (client->PostLen && client->PostLen != len)) {
+      client->Flags |= HTTPS_CLIENTF_BADLENGTH;
+    } else {
+      client->PostLen = len;
+    }
   } else if (EqualsIC(name, "Content-Type")) {
     if (HasRequestBody(client->Method)) ParseContentType(client, save);
   }

@@ -30,6 +30,11 @@ bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port);
 // Waits until the socket is readable (data, end of input or an error):
 // 1 ready, 0 time-out, -1 error. A negative time-out waits without limit.
 int PlSockWaitReadable(PlSocket s, int timeoutSec);
+// The same with a time-out in milliseconds, for waits cut short by a
+// deadline. A writable wait (forWrite) serves non-blocking handshakes.
+int PlSockWaitMs(PlSocket s, bool forWrite, int timeoutMs);
+// Switches between blocking and non-blocking transfers.
+bool PlSockSetNonBlocking(PlSocket s, bool on);
 // Time-out of the blocking receive itself (0: none). Used where the wait
 // above can't be, e.g. under a TLS library that receives on its own.
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec);

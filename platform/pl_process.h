@@ -18,6 +18,13 @@ int PlPipeRead(PlFile f, void* buf, unsigned n);
 bool PlPipeWrite(PlFile f, const void* buf, unsigned n);
 void PlPipeClose(PlFile f);
 
+// How many files and sockets this process may hold open at once (the soft
+// limit); a generous figure where the system sets none.
+int PlOpenFileLimit();
+// Changes that soft limit (not above the hard one); false where the system
+// has no such limit or refuses.
+bool PlSetOpenFileLimit(int n);
+
 struct PlProcessStartInfo {
   const char* CmdLine = nullptr;  // program and arguments, Windows quoting rules
   const char* CurDir = nullptr;   // null or empty: the caller's directory

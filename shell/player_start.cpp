@@ -41,9 +41,19 @@ void LocateProgram() {
   if (IniFile.IsEmpty()) IniFile = ProgDir + "/Lumetta.ini";
 }
 
-void CreateServer() {
+// A fresh key each run: any page in any browser and any program on the
+// machine can reach the port, but only the window is given the key.
+void CreateServer(bool accessKey) {
   HttpServer = new CHttpServer;
   HttpServer->SetListeningAddr(0x7F000001);
+  if (accessKey) {
+    CStr key = CHttpServer::NewAccessKey();
+    if (key.IsEmpty()) {
+      Error("No random numbers could be had from the system for the access key.");
+      throw 0;
+    }
+    HttpServer->SetAccessKey(key.c_str());
+  }
   HttpServer->EngsAdd("/run.ebd", RunWrapper, 1);
   HttpServer->OnCgi = CgiWrapper;
 }
@@ -247,15 +257,34 @@ PhpCommand FindPhpCommand() {
   return cmd;
 }
 
-void StartPlayer(PlayerWindow& window) {
+CStr KeyAddress(const CStr& address, const CStr& key) {
+  if (key.IsEmpty()) return address;
+  CStr url = address;
+  if (url.FindChar('?') >= 0) {
+    url += "&";
+  } else {
+    // The key is taken from the query of a path; a bare origin gets one.
+    if (url.Len >= 8 && CStr(url.c_str() + 7).FindChar('/') < 0) url += "/";
+    url += "?";
+  }
+  url += CHttpServer::AccessKeyName;
+  url += "=";
+  url += key;
+  return url;
+}
+
+void StartPlayer(PlayerWindow& window, bool accessKey) {
   LocateProgram();
-  CreateServer();
+  CreateServer(accessKey);
   ShapeWindow(window);
   bool popupMenu = ReadIniInt(INI_POPUPMENU) != 0;
   ConfigureServer();
   FindPort();
   StartAcceptingOrFail();
-  window.Navigate(StartAddress(HttpServer->GetPort(), StartPage).c_str());
+  // The first load fetches the key's cookie; the server then leads the
+  // view on to the start address itself.
+  CStr start = StartAddress(HttpServer->GetPort(), StartPage);
+  window.Navigate(KeyAddress(start, HttpServer->GetAccessKey()).c_str());
   if (!popupMenu) window.SuppressContextMenu();
   if (ReadIniInt(INI_GLASSWIN)) window.MakeTranslucent();
 }

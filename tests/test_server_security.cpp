@@ -121,14 +121,8 @@ TEST_F(SecurityTest, MalformedBodiesGetAStatedReplyOrNone) {
             "HTTP/1.1 413 Request Entity Too Large\r\n");
   EXPECT_TRUE(Server.WaitLog("Incomplete POST"));
 
-  // Lengths that are no lengths, or too large.
-  const std::string lengthRequired = "HTTP/1.1 411 Length Required\r\n";
-  const std::string tooLarge = "HTTP/1.1 413 Request Entity Too Large\r\n";
-  EXPECT_EQ(Post("Content-Length: -5\r\n", "a=1"), lengthRequired);
-  EXPECT_EQ(Post("Content-Length: abc\r\n", "a=1"), lengthRequired);
-  std::string huge = Post("Content-Length: 99999999999999\r\n", "a=1", true);
-  EXPECT_TRUE(huge == lengthRequired || huge == tooLarge) << huge;
-  EXPECT_EQ(Post("Content-Length: 70000\r\n", std::string(70000, 'x')), tooLarge);
+  // A length past the limit (malformed ones: test_server_access).
+  EXPECT_EQ(Post("Content-Length: 70000\r\n", std::string(70000, 'x')), "HTTP/1.1 413 Request Entity Too Large\r\n");
 }
 
 }  // namespace

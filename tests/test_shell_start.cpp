@@ -77,7 +77,13 @@ class ShellStart : public ::testing::Test {
     Tmp.Write("Lumetta.ini", "[Lumetta]\n" + ini + "\nPORT=" + std::to_string(QuietPort()) +
                                  "\nHOMEDIR=" + Tmp.Path() + "\n");
     StartPlayer(W);
-    return "navigate http://localhost:" + std::to_string(HttpServer->GetPort());
+    return "navigate http://localhost:" + std::to_string(HttpServer->GetPort()) + "/" + KeyQuery("?");
+  }
+  // The window's first load carries the server's fresh access key.
+  static std::string KeyQuery(const char* sep) {
+    const CStr& key = HttpServer->GetAccessKey();
+    EXPECT_EQ(key.Len, 32);
+    return std::string(sep) + "lumetta_key=" + key.c_str();
   }
 };
 
@@ -115,7 +121,7 @@ TEST_F(ShellStart, DefaultsTitleStartPageMissingIconAndTakenPort) {
   EXPECT_EQ(W.Log, (Calls{"caption From the command line", "centered", "status on", "sizeable",
                           "width 640", "height 480", "not on top", "buttons SNX",
                           "navigate http://localhost:" + std::to_string(port + 1) +
-                              "/docs/a.html"}));
+                              "/docs/a.html" + KeyQuery("?")}));
   PlSockClose(blocker);
 }
 
@@ -173,8 +179,27 @@ TEST_F(ShellStart, TakenTopPortGoesOnFromTheBottom) {
   int port = HttpServer->GetPort();
   EXPECT_GE(port, 1);
   EXPECT_LT(port, 65535) << held;
-  EXPECT_EQ(W.Log.at(W.Log.size() - 1), "navigate http://localhost:" + std::to_string(port));
+  EXPECT_EQ(W.Log.at(W.Log.size() - 1),
+            "navigate http://localhost:" + std::to_string(port) + "/" + KeyQuery("?"));
   PlSockClose(blocker);
 }
 
 }  // namespace
+
+// Where the window's first load goes, and keys that never repeat.
+TEST(ShellKeyAddress, AddsTheKeyToTheQueryOfAPath) {
+  const struct {
+    const char *address, *key, *expected;
+  } cases[] = {
+      {"http://localhost:8580", "k1", "http://localhost:8580/?lumetta_key=k1"},
+      {"http://localhost:8580/docs/a.html", "k1", "http://localhost:8580/docs/a.html?lumetta_key=k1"},
+      {"http://localhost:8580/a.php?x=1", "k1", "http://localhost:8580/a.php?x=1&lumetta_key=k1"},
+      {"http://localhost:8580/a.php", "", "http://localhost:8580/a.php"},
+  };
+  for (const auto& c : cases)
+    EXPECT_STREQ(KeyAddress(CStr(c.address), CStr(c.key)).c_str(), c.expected) << c.address;
+  CStr a = CHttpServer::NewAccessKey(), b = CHttpServer::NewAccessKey();
+  EXPECT_EQ(a.Len, 32);
+  EXPECT_EQ(std::string(a.c_str()).find_first_not_of("0123456789abcdef"), std::string::npos);
+  EXPECT_NE(std::string(a.c_str()), std::string(b.c_str()));
+}

@@ -104,6 +104,21 @@ void PlPipeClose(PlFile f) {
   if (f != PL_NO_FILE) close((int)f);
 }
 
+int PlOpenFileLimit() {
+  rlimit lim;
+  if (getrlimit(RLIMIT_NOFILE, &lim) != 0 || lim.rlim_cur == RLIM_INFINITY || lim.rlim_cur > 1000000)
+    return 1000000;
+  return (int)lim.rlim_cur;
+}
+
+bool PlSetOpenFileLimit(int n) {
+  rlimit lim;
+  if (n <= 0 || getrlimit(RLIMIT_NOFILE, &lim) != 0) return false;
+  if (lim.rlim_max != RLIM_INFINITY && (rlim_t)n > lim.rlim_max) return false;
+  lim.rlim_cur = (rlim_t)n;
+  return setrlimit(RLIMIT_NOFILE, &lim) == 0;
+}
+
 // ---------------------------------------------------------------- command line
 
 // Windows argument rules: blanks separate words outside quotes; 2n

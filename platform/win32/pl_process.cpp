@@ -60,6 +60,12 @@ void PlPipeClose(PlFile f) {
   if (f != PL_NO_FILE) CloseHandle(H(f));
 }
 
+// Sockets and handles have no small per-process limit here; this keeps the
+// server's connection cap at a size the machine's memory can carry.
+int PlOpenFileLimit() { return 16384; }
+
+bool PlSetOpenFileLimit(int /*n*/) { return false; }
+
 PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   if (!info.CmdLine) return nullptr;
   STARTUPINFOA si;

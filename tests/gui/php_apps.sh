@@ -49,7 +49,6 @@ SERVE="$BIN_DIR/lumetta-serve"
 command -v curl >/dev/null || skip "curl missing"
 command -v php-cgi >/dev/null || skip "php-cgi missing"
 
-JAR=$WORK/jar
 # page URL [CURL ARGS...]: the body into $WORK/page, the status code into CODE.
 page() {
   local url=$1; shift
@@ -70,6 +69,8 @@ serve_app() {
   PIDS+=($!)
   wait_for 20 grep -qs '^http://' "$WORK/out" || { cat "$WORK/err" >&2; fail "no start address"; }
   URL=$(head -1 "$WORK/out")
+  open_key
+  URL=${URL%%/\?*}
 }
 
 case $CASE in

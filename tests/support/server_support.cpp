@@ -118,6 +118,21 @@ std::string MovedReply(const std::string& url) {
          "Content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
+long ProcStatusKb(const std::string& field) {
+  std::ifstream in("/proc/self/status");
+  for (std::string line; std::getline(in, line);)
+    if (line.compare(0, field.size() + 1, field + ":") == 0) return atol(line.c_str() + field.size() + 1);
+  return -1;
+}
+
+bool BodySizeEngine(void*, void* c) {
+  HTTPS_CLIENT* client = (HTTPS_CLIENT*)c;
+  std::string out = "size " + std::to_string(client->Cgi ? client->Cgi->ArgsRaw.Len : -1);
+  if (client->CHttpServerEx->SendHeader(client, (int)out.size(), "text/plain", nullptr, 0, 0))
+    client->Socket->Write(out.data(), (int)out.size());
+  return true;
+}
+
 bool EchoArgsEngine(void*, void* c) {
   HTTPS_CLIENT* client = (HTTPS_CLIENT*)c;
   CCgi* cgi = client->Cgi;
