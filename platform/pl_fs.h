@@ -31,6 +31,10 @@ PlDir* PlDirOpen(const char* path);
 // Next entry name, without "." and ".."; null at the end. The text stays
 // valid until the next call on the same handle.
 const char* PlDirNext(PlDir* dir);
+// Status of the entry PlDirNext returned last, as the search itself sees it
+// (a link is not followed): what there is to show of a link whose target is
+// gone. False before the first entry or when it has vanished.
+bool PlDirEntryStat(PlDir* dir, PlStatInfo* out);
 void PlDirClose(PlDir* dir);  // accepts null
 
 bool PlMkdir(const char* path);  // one level; false when it exists already

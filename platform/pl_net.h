@@ -30,11 +30,16 @@ bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port);
 // Waits until the socket is readable (data, end of input or an error):
 // 1 ready, 0 time-out, -1 error. A negative time-out waits without limit.
 int PlSockWaitReadable(PlSocket s, int timeoutSec);
+// The same with a time-out in milliseconds, for waits cut short by a
+// deadline. A writable wait (forWrite) serves non-blocking handshakes.
+int PlSockWaitMs(PlSocket s, bool forWrite, int timeoutMs);
+// Switches between blocking and non-blocking transfers.
+bool PlSockSetNonBlocking(PlSocket s, bool on);
 // What PlSockPoll waits for and reports.
 const int PL_SOCK_IN = 1;   // readable: data, end of input or an error
 const int PL_SOCK_OUT = 2;  // writable without blocking
-// Waits at most timeoutMs (negative: no limit) for any of events: the ready
-// bits, 0 on time-out, -1 on error.
+// Waits at most timeoutMs (negative: no limit) for either direction at
+// once: the ready bits, 0 on time-out, -1 on error.
 int PlSockPoll(PlSocket s, int events, int timeoutMs);
 // Sends what fits now without blocking: bytes sent, 0 when nothing fits,
 // -1 on failure.

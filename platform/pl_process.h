@@ -21,6 +21,13 @@ void PlPipeClose(PlFile f);
 // that must go nowhere; close it with PlPipeClose. PL_NO_FILE on failure.
 PlFile PlOpenNullDevice();
 
+// How many files and sockets this process may hold open at once (the soft
+// limit); a generous figure where the system sets none.
+int PlOpenFileLimit();
+// Changes that soft limit (not above the hard one); false where the system
+// has no such limit or refuses.
+bool PlSetOpenFileLimit(int n);
+
 struct PlProcessStartInfo {
   const char* CmdLine = nullptr;  // program and arguments, Windows quoting rules
   const char* CurDir = nullptr;   // null or empty: the caller's directory
@@ -48,7 +55,7 @@ PlProc* PlProcessStart(const PlProcessStartInfo& info);
 enum PlWaitResult {
   PL_PROC_RUNNING = 0,  // the time ran out, the child still runs
   PL_PROC_EXITED = 1,
-  PL_PROC_CRASHED = 2   // ended by a crash (debug mode only)
+  PL_PROC_CRASHED = 2   // ended by a bad memory access (debug mode only)
 };
 // Waits for the child at most timeoutMs (PL_PROC_INFINITE: no limit). Only the
 // thread that started the child may wait for it (the Windows debug loop).

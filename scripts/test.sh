@@ -31,3 +31,7 @@ cmake --build build-win -j "$jobs"
 echo "== ThreadSanitizer (threaded code)"
 build build-tsan -DLUMETTA_SANITIZE=thread -DLUMETTA_BUILD_GUI=OFF
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -j "$jobs" -L threads
+
+echo "== Fuzz targets (libFuzzer, clang): a short fixed run each"
+CC=clang CXX=clang++ build build-fuzz -DLUMETTA_FUZZ=ON -DLUMETTA_BUILD_GUI=OFF
+ctest --test-dir build-fuzz --output-on-failure -L fuzz

@@ -1,3 +1,5 @@
+// The settings table of Lumetta.ini (key, default, type) and the reader that
+// takes one row from the file.
 #include "settings.h"
 
 #include <cstdlib>

@@ -1,7 +1,10 @@
+// BSD sockets on POSIX: TCP listening, accepting, connecting and transfer,
+// name lookup, and SIGPIPE kept away from the process.
 #include "pl_net.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -116,27 +119,28 @@ bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port) {
 // poll, not select: select can't watch descriptors above FD_SETSIZE and the
 // server may hold more connections than that.
 int PlSockWaitReadable(PlSocket s, int timeoutSec) {
+  if (timeoutSec < 0) return PlSockWaitMs(s, false, -1);
+  const long long ms = static_cast<long long>(timeoutSec) * 1000;
+  return PlSockWaitMs(s, false, ms > INT_MAX ? INT_MAX : static_cast<int>(ms));
+}
+
+int PlSockWaitMs(PlSocket s, bool forWrite, int timeoutMs) {
   if (s == PL_NO_SOCKET) return -1;
-  const bool forever = timeoutSec < 0;
-  const long long limitMs = forever ? 0 : static_cast<long long>(timeoutSec) * 1000;
+  const bool forever = timeoutMs < 0;
   const uint64_t start = PlMonotonicMs();
   for (;;) {
     int waitMs = -1;
     if (!forever) {
-      long long left = limitMs - static_cast<long long>(PlMonotonicMs() - start);
-      if (left < 0) left = 0;
-      waitMs = left > INT_MAX ? INT_MAX : static_cast<int>(left);
+      long long left = timeoutMs - static_cast<long long>(PlMonotonicMs() - start);
+      waitMs = left < 0 ? 0 : static_cast<int>(left);
     }
     pollfd p;
     p.fd = Fd(s);
-    p.events = POLLIN;
+    p.events = forWrite ? POLLOUT : POLLIN;
     p.revents = 0;
     int r = poll(&p, 1, waitMs);
     if (r > 0) return 1;
-    if (r == 0) {
-      if (!forever && waitMs == INT_MAX) continue;  // only a slice of a very long wait
-      return 0;
-    }
+    if (r == 0) return 0;
     if (errno != EINTR) return -1;
   }
 }
@@ -175,6 +179,13 @@ int PlSockSendSome(PlSocket s, const void* buf, int n) {
     if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
     if (errno != EINTR) return -1;
   }
+}
+
+bool PlSockSetNonBlocking(PlSocket s, bool on) {
+  int flags = fcntl(Fd(s), F_GETFL, 0);
+  if (flags < 0) return false;
+  flags = on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
+  return fcntl(Fd(s), F_SETFL, flags) == 0;
 }
 
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {

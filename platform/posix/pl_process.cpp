@@ -110,6 +110,21 @@ PlFile PlOpenNullDevice() {
   return fd < 0 ? PL_NO_FILE : MoveAboveStdio(fd);
 }
 
+int PlOpenFileLimit() {
+  rlimit lim;
+  if (getrlimit(RLIMIT_NOFILE, &lim) != 0 || lim.rlim_cur == RLIM_INFINITY || lim.rlim_cur > 1000000)
+    return 1000000;
+  return (int)lim.rlim_cur;
+}
+
+bool PlSetOpenFileLimit(int n) {
+  rlimit lim;
+  if (n <= 0 || getrlimit(RLIMIT_NOFILE, &lim) != 0) return false;
+  if (lim.rlim_max != RLIM_INFINITY && (rlim_t)n > lim.rlim_max) return false;
+  lim.rlim_cur = (rlim_t)n;
+  return setrlimit(RLIMIT_NOFILE, &lim) == 0;
+}
+
 // ---------------------------------------------------------------- command line
 
 // Windows argument rules: blanks separate words outside quotes; 2n
@@ -307,9 +322,10 @@ PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   return p;
 }
 
-static bool IsCrashSignal(int sig) {
-  return sig == SIGSEGV || sig == SIGBUS || sig == SIGILL || sig == SIGFPE || sig == SIGABRT;
-}
+// Only a bad memory access counts as a crash, the counterpart of the access
+// violation the Windows debug loop watches for; an abort or a bad
+// instruction is an ordinary, if abnormal, end.
+static bool IsCrashSignal(int sig) { return sig == SIGSEGV || sig == SIGBUS; }
 
 // Collects the child's status when it has ended. Done under the lock so
 // that Terminate never signals a process id that has been handed back.

@@ -1,3 +1,5 @@
+// File-system access on Windows through the ANSI calls: status, directory
+// search, directory and file management, and the well-known paths.
 #include "pl_fs.h"
 
 #include <windows.h>
@@ -66,6 +68,22 @@ const char* PlDirNext(PlDir* dir) {
     const char* name = dir->Data.cFileName;
     if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0) return name;
   }
+}
+
+// The search record already holds the entry's own size, time and kind.
+bool PlDirEntryStat(PlDir* dir, PlStatInfo* out) {
+  if (!dir || dir->Done || dir->Pending) return false;
+  const WIN32_FIND_DATAA& d = dir->Data;
+  if (out) {
+    ULARGE_INTEGER t;
+    t.LowPart = d.ftLastWriteTime.dwLowDateTime;
+    t.HighPart = d.ftLastWriteTime.dwHighDateTime;
+    const unsigned long long kEpochDiff = 116444736000000000ULL;  // 1601 to 1970 in 100 ns
+    out->Size = (long long)(((unsigned long long)d.nFileSizeHigh << 32) | d.nFileSizeLow);
+    out->MTime = t.QuadPart >= kEpochDiff ? (long long)((t.QuadPart - kEpochDiff) / 10000000ULL) : 0;
+    out->IsDir = (d.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  }
+  return true;
 }
 
 void PlDirClose(PlDir* dir) {

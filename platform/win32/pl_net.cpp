@@ -1,3 +1,5 @@
+// WinSock 2: start-up, TCP listening, accepting, connecting and transfer,
+// and name lookup.
 #include "pl_net.h"
 
 #include <winsock2.h>
@@ -93,14 +95,21 @@ bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port) {
 
 // select has no descriptor-value limit on Windows (the set is a list).
 int PlSockWaitReadable(PlSocket s, int timeoutSec) {
+  if (timeoutSec < 0) return PlSockWaitMs(s, false, -1);
+  const long long ms = static_cast<long long>(timeoutSec) * 1000;
+  return PlSockWaitMs(s, false, ms > 0x7fffffff ? 0x7fffffff : static_cast<int>(ms));
+}
+
+int PlSockWaitMs(PlSocket s, bool forWrite, int timeoutMs) {
   if (s == PL_NO_SOCKET) return -1;
   fd_set set;
   FD_ZERO(&set);
   FD_SET(Sock(s), &set);
   timeval tv;
-  tv.tv_sec = timeoutSec;
-  tv.tv_usec = 0;
-  int r = select(0, &set, nullptr, nullptr, timeoutSec < 0 ? nullptr : &tv);
+  tv.tv_sec = timeoutMs / 1000;
+  tv.tv_usec = (timeoutMs % 1000) * 1000;
+  int r = select(0, forWrite ? nullptr : &set, forWrite ? &set : nullptr, nullptr,
+                 timeoutMs < 0 ? nullptr : &tv);
   if (r == SOCKET_ERROR) return -1;
   return r > 0 ? 1 : 0;
 }
@@ -131,6 +140,11 @@ int PlSockSendSome(PlSocket s, const void* buf, int n) {
   ioctlsocket(Sock(s), FIONBIO, &off);
   if (full) return 0;
   return r == SOCKET_ERROR ? -1 : r;
+}
+
+bool PlSockSetNonBlocking(PlSocket s, bool on) {
+  u_long mode = on ? 1 : 0;
+  return ioctlsocket(Sock(s), FIONBIO, &mode) == 0;
 }
 
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {

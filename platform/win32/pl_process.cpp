@@ -83,6 +83,12 @@ PlFile PlOpenNullDevice() {
   return h == INVALID_HANDLE_VALUE ? PL_NO_FILE : (PlFile)(intptr_t)h;
 }
 
+// Sockets and handles have no small per-process limit here; this keeps the
+// server's connection cap at a size the machine's memory can carry.
+int PlOpenFileLimit() { return 16384; }
+
+bool PlSetOpenFileLimit(int /*n*/) { return false; }
+
 PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   if (!info.CmdLine) return nullptr;
   STARTUPINFOA si;

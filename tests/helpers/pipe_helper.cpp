@@ -24,7 +24,15 @@ int main(int argc, char** argv) {
   const char* arg = argc > 2 ? argv[2] : "";
   if (mode == "exit") return atoi(arg);
   if (mode == "crash") raise(SIGSEGV);
+  if (mode == "signal") raise(atoi(arg));  // ends by the numbered signal
   if (mode == "print") return Out(Unescape(arg));
+  if (mode == "both") {  // the first text to the output, the second to the error output
+    Out(Unescape(arg));
+    fflush(stdout);
+    std::string err = Unescape(argc > 3 ? argv[3] : "");
+    fwrite(err.data(), 1, err.size(), stderr);
+    return 0;
+  }
   if (mode == "sleep") {  // with a grandchild that holds the output open as long
     fork();
     sleep((unsigned)atoi(arg));

@@ -1,3 +1,5 @@
+// The helper child program's command line, file and scratch-directory
+// helpers, and a real server with a raw client, for the engine and pipe tests.
 #include "engines_helpers.h"
 
 #include <cstdlib>

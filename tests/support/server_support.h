@@ -53,6 +53,12 @@ Reply Get(unsigned short port, const std::string& target, const std::string& ext
 std::string AuthReply(const std::string& realm);
 std::string MovedReply(const std::string& url);
 
+// A field of /proc/self/status in KiB ("VmRSS", "VmHWM"); -1 where there is none.
+long ProcStatusKb(const std::string& field);
+
+// An engine answering "size N": the length of the raw query or body it got.
+bool BodySizeEngine(void* object, void* client);
+
 // An engine answering "args N", then per argument its name, a tab, the byte
 // length of its value, a tab and the value's bytes.
 bool EchoArgsEngine(void* object, void* client);
