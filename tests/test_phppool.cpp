@@ -143,6 +143,30 @@ TEST_F(PhpPoolTest, ScriptSeesExactlyTheVariablesSentInOrder) {
   EXPECT_EQ(Body(r), lines);
 }
 
+// The same variables reach a script run the old way, one php-cgi over CGI
+// with them as its environment, and through a worker.
+TEST_F(PhpPoolTest, SameVariablesAsOneInterpreterPerRequest) {
+  CStrList env;
+  for (const char* entry : {"CONTENT_LENGTH=3", "CONTENT_TYPE=text/plain", "QUERY_STRING=a=1&b", "GATEWAY_INTERFACE=CGI/1.1",
+                            "HTTP_COOKIE=k=v", "HTTPS=", "PATH_INFO=", "PATH_TRANSLATED=", "REQUEST_METHOD=POST",
+                            "REQUEST_URI=/server.php", "SERVER_PORT=8080", "HTTP_X_EXTRA=1"})
+    env.Add(entry);
+  env.Add(("SCRIPT_FILENAME=" + Dir / "server.php").c_str());
+  CPipeStream cgi;
+  cgi.Set();
+  cgi.Open(EnginesPhpCommandLine().c_str(), Dir.Path.c_str(), &env, CPIPE_BINARY | CPIPE_READ | CPIPE_WRITE);
+  cgi.Write("abc", 3);
+  PhpRun old;
+  char buf[4096];
+  unsigned n;
+  while ((n = cgi.Read(buf, sizeof buf)) > 0) old.Out.append(buf, n);
+  cgi.Wait();
+  PhpRun pooled = Exec(env, "abc");
+  EXPECT_EQ(pooled.Result, PHP_RUN_DONE);
+  EXPECT_FALSE(Body(old).empty());
+  EXPECT_EQ(Body(pooled), Body(old));
+}
+
 TEST_F(PhpPoolTest, BodiesArriveByteExact) {
   std::string file;
   for (size_t i = 0; i < 3 * 1024 * 1024 + 17; i++) file += (char)((i * 7919 + i / 251) & 0xFF);
