@@ -33,7 +33,9 @@ typedef void (*PhpStderrFunc)(void* context, const char* line, int len);
 class PhpPool {
  public:
   PhpPool();
-  ~PhpPool();  // stops the pool
+  // Stops the pool. Requests still running end as lost; the pool itself must
+  // outlive every PhpRequest made on it (stop the server first).
+  ~PhpPool();
   PhpPool(const PhpPool&) = delete;
   PhpPool& operator=(const PhpPool&) = delete;
 
