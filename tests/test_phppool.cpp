@@ -287,7 +287,10 @@ TEST_F(PhpPoolTest, NoWorkerOutlivesAKilledPlayer) {
   std::string escaped;
   for (char c : inner) escaped += c == '"' ? std::string("\\\"") : std::string(1, c);
   cmd = "\"" + EnginesPoolHelperPath() + "\" \"" + escaped + "\" 2";
-  helper.Open(cmd.c_str(), nullptr, nullptr, CPIPE_BINARY | CPIPE_READ);
+  // A killed player leaves its socket directory behind; let it be ours.
+  CStrList env;
+  env.Add(("TMPDIR=" + Dir.Path).c_str());
+  helper.Open(cmd.c_str(), nullptr, &env, CPIPE_BINARY | CPIPE_READ);
   CStr line;
   helper.Gets(line);
   std::vector<long long> pids;
