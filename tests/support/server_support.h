@@ -9,6 +9,10 @@
 
 namespace srvtest {
 
+// A bound on how long the server may take to answer, stretched in the
+// slower sanitized builds.
+inline unsigned ReplyBoundMs(unsigned ms) { return ms * LUMETTA_TIME_SCALE; }
+
 // A fresh directory below the system's temporary directory, removed with
 // everything in it when the object goes.
 class ScratchDir {
