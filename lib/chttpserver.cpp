@@ -152,6 +152,7 @@ void CHttpServer::Init() {
   AcceptingThread = nullptr;
   AcceptingThreadID = 0;
   Live = new LiveClients;
+  HomeRoot = nullptr;
 }
 
 CHttpServer::~CHttpServer() {
@@ -161,6 +162,7 @@ CHttpServer::~CHttpServer() {
     PlThreadClose(AcceptingThread);
   }
   DrainClients();
+  PlRootClose(HomeRoot);
   if (SslCtx && OpenSsl.SSL_CTX_free) OpenSsl.SSL_CTX_free(SslCtx);
   delete MimeList;
   delete ObjList;
@@ -441,6 +443,12 @@ bool CHttpServer::StartAccepting() {
   if (IsAccepting) return true;
   if (!IsListening) return false;
   ConnCap = ConnCapFor(PlOpenFileLimit());
+  // Held open from here on, so that a request opens its file with one call
+  // relative to it; a home directory changed later is opened per request.
+  if (!HomeRoot) {
+    HomeRoot = PlRootOpen(HomeDir.c_str());
+    HomeRootPath = HomeDir;
+  }
   AcceptingThread = PlThreadStart(StartAcceptingEx, this, 0);
   IsAccepting = AcceptingThread != nullptr;
   return IsAccepting;

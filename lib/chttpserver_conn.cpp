@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <vector>
 
 #include "pl_sendfile.h"
@@ -135,10 +136,17 @@ unsigned int CHttpServer::ClientEx(void* arg) {
     ready = client->Socket->AcceptTls(srv->SslCtx, CSocket::kTlsHandshakeMs);
     if (!ready && srv->OnSslError) srv->OnSslError(client, 1);
   }
-  // This thread is where everything thrown by an engine or the socket stops.
+  // This thread is where everything thrown by an engine or the socket stops;
+  // the reason goes to the log once, so that a request that got nothing
+  // (php-cgi missing, say) can be traced.
   try {
     if (ready) srv->ServeRequest(client);
+  } catch (int code) {
+    srv->PrintLog(client->Ip, "Request \"%s\" ended by error %d", client->Arg.c_str(), code);
+  } catch (const std::exception& e) {
+    srv->PrintLog(client->Ip, "Request \"%s\" ended by error: %s", client->Arg.c_str(), e.what());
   } catch (...) {
+    srv->PrintLog(client->Ip, "Request \"%s\" ended by an unknown error", client->Arg.c_str());
   }
   try {
     PlSockShutdownSend(client->Socket->Socket);
@@ -402,7 +410,7 @@ void CHttpServer::DispatchWithBody(HTTPS_CLIENT* client) {
       PrintLog(client->Ip, "EXE %s: Internal error", obj->Alias.c_str());
       SendError(client, ErrMsg500, nullptr);
     }
-  } else if (OnCgi) {
-    OnCgi(obj, client);
+  } else {
+    RunCgi(obj, client);
   }
 }
