@@ -512,8 +512,12 @@ void CHttpServer::AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short r
   client->Socket = new CSocket(sock);
   // A reply is a header, a body and a close: let them leave together
   // instead of as one packet per write. The close flushes what is held.
-  // TLS starts on the connection thread and needs no cork.
-  if (!SslEnabled) PlSockCork(sock);
+  // TLS starts on the connection thread and writes records of its own: it
+  // gets no cork, only small writes sent at once.
+  if (SslEnabled) PlSockNoDelay(sock);
+  else PlSockCork(sock);
+  // A listener bound to one address accepts only on that address.
+  if (!localAddr && ListeningAddr) localAddr = PlHtonl(ListeningAddr);
   client->Ip = remoteAddr;
   client->Port = remotePort;
   client->LocalIp = localAddr;

@@ -124,7 +124,9 @@ char* CHttpServer::StrTok(char* text, const char* delims, char** save) {
 unsigned int CHttpServer::ClientEx(void* arg) {
   HTTPS_CLIENT* client = static_cast<HTTPS_CLIENT*>(arg);
   CHttpServer* srv = client->CHttpServerEx;
-  client->ThreadID = PlThreadCurrentId();
+  // Asked once per thread: the answer costs a system call.
+  static thread_local unsigned long threadId = PlThreadCurrentId();
+  client->ThreadID = threadId;
   if (!client->LocalIp) {
     unsigned short localPort = 0;
     PlSockLocalAddr(client->Socket->Socket, &client->LocalIp, &localPort);

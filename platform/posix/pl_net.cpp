@@ -42,10 +42,12 @@ void PlNetNoSigPipe() {
 
 // Replies are written in several small pieces (header, then body); without
 // this the second piece can wait for the peer's delayed acknowledgement.
-static void NoDelay(int fd) {
+static bool NoDelay(int fd) {
   int on = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
 }
+
+bool PlSockNoDelay(PlSocket s) { return NoDelay(Fd(s)); }
 
 PlSocket PlSockTcp() {
   PlNetNoSigPipe();
@@ -82,7 +84,6 @@ PlSocket PlSockAccept(PlSocket s, unsigned* remoteAddr, unsigned short* remotePo
     socklen_t len = sizeof sa;
     int fd = accept4(Fd(s), reinterpret_cast<sockaddr*>(&sa), &len, SOCK_CLOEXEC);
     if (fd >= 0) {
-      NoDelay(fd);
       if (remoteAddr) *remoteAddr = sa.sin_addr.s_addr;
       if (remotePort) *remotePort = ntohs(sa.sin_port);
       return static_cast<PlSocket>(fd);
@@ -177,6 +178,16 @@ int PlSockRecv(PlSocket s, void* buf, int n) {
   }
 }
 
+int PlSockRecvNoWait(PlSocket s, void* buf, int n) {
+  if (n < 0) return -1;
+  for (;;) {
+    ssize_t r = recv(Fd(s), buf, static_cast<size_t>(n), MSG_DONTWAIT);
+    if (r >= 0) return static_cast<int>(r);
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return PL_SOCK_NOTHING_YET;
+    if (errno != EINTR) return -1;
+  }
+}
+
 void PlSockShutdownSend(PlSocket s) { shutdown(Fd(s), SHUT_WR); }
 
 void PlSockClose(PlSocket s) {
@@ -188,6 +199,10 @@ void PlSockClose(PlSocket s) {
   if (getsockopt(Fd(s), SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) == 0 && listening)
     shutdown(Fd(s), SHUT_RDWR);
   close(Fd(s));  // not retried on EINTR: the descriptor is gone either way
+}
+
+void PlSockCloseConnected(PlSocket s) {
+  if (s != PL_NO_SOCKET) close(Fd(s));
 }
 
 bool PlResolveHost(const char* host, unsigned* addr) {
