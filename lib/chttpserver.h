@@ -19,7 +19,6 @@
 class CHttpServer;
 struct HTTPS_CLIENT;
 struct LiveClients;  // connection-thread book-keeping, private to the server
-struct ConnWorker;
 
 // Engine callback: func(__https_obj* object, HTTPS_CLIENT* client). It writes
 // the whole reply itself; the server ignores the result and closes.
@@ -251,9 +250,11 @@ class CHttpServer {
 
   void AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short remotePort);
   void DrainClients();
-  bool HandOver(HTTPS_CLIENT* client);
-  static unsigned int ConnectionThread(void* worker);
-  HTTPS_CLIENT* NextConnection(ConnWorker* w);
+  void Register(HTTPS_CLIENT* client);
+  void StartAcceptor();
+  static unsigned int AcceptorThread(void* server);
+  void AcceptAndServe();
+  void WaitForAcceptorsToLeave();
   void WorkerGone();
   void ClientSocketClosing(HTTPS_CLIENT* client);
   void ServeRequest(HTTPS_CLIENT* client);
