@@ -47,6 +47,9 @@ int ConnCapFor(int openFileLimit) {
 // connection that holds a thread without asking for anything is let go.
 const int kHeadDeadlineMs = 15000;
 
+// How long a connection may stay silent before it is accepted all the same.
+const int kDeferAcceptSec = 5;
+
 const char kBusyLine[] = "HTTP/1.1 503 Service Unavailable\r\n";
 
 }  // namespace
@@ -406,6 +409,11 @@ bool CHttpServer::StartListening() {
     IsListening = false;
     return false;
   }
+  // A connection reaches a thread only once its request has begun to arrive:
+  // the thread then reads at once instead of sleeping in a wait for it. A
+  // client that stays silent is handed over anyway after a few seconds, to
+  // meet the head deadline like any other.
+  PlSockDeferAccept(s, kDeferAcceptSec);
   ListeningSock = s;
   IsListening = true;
   return true;

@@ -22,6 +22,10 @@ PlSocket PlSockTcp();  // PL_NO_SOCKET on failure
 // another socket is listening on.
 bool PlSockBind(PlSocket s, unsigned addrHostOrder, unsigned short port);
 bool PlSockListen(PlSocket s, int backlog);
+// Lets accept return a connection only once its first bytes have arrived
+// (or after about maxWaitSec), so that the reader never waits for them.
+// False where the system has no such option.
+bool PlSockDeferAccept(PlSocket s, int maxWaitSec);
 // Blocks for the next connection; PL_NO_SOCKET once the listener is closed.
 // Failures that concern one connection only are retried. The new socket
 // sends small writes at once unless the caller corks it (PlSockCork) or

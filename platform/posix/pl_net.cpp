@@ -68,6 +68,10 @@ bool PlSockBind(PlSocket s, unsigned addrHostOrder, unsigned short port) {
 
 bool PlSockListen(PlSocket s, int backlog) { return listen(Fd(s), backlog) == 0; }
 
+bool PlSockDeferAccept(PlSocket s, int maxWaitSec) {
+  return setsockopt(Fd(s), IPPROTO_TCP, TCP_DEFER_ACCEPT, &maxWaitSec, sizeof maxWaitSec) == 0;
+}
+
 // True for the accept errors that mean the listener itself is gone.
 static bool ListenerGone(int err) {
   return err == EBADF || err == EINVAL || err == ENOTSOCK || err == EOPNOTSUPP;

@@ -52,6 +52,9 @@ bool PlSockBind(PlSocket s, unsigned addrHostOrder, unsigned short port) {
 
 bool PlSockListen(PlSocket s, int backlog) { return listen(Sock(s), backlog) == 0; }
 
+// Winsock has no plain equivalent (only AcceptEx with a first buffer).
+bool PlSockDeferAccept(PlSocket, int) { return false; }
+
 static bool ListenerGone(int err) {
   return err == WSAENOTSOCK || err == WSAEINVAL || err == WSAEINTR || err == WSAEOPNOTSUPP ||
          err == WSANOTINITIALISED;
