@@ -372,6 +372,10 @@ class CHttpServer {
   CStrList* DirLoad(const char* dir);
   static int DirSortFunc(const void* a, const void* b);
   void DirList(HTTPS_CLIENT* client, const char* url, const char* dir);
+  // The same for a directory already open (the one the request was checked
+  // against): the listing is read through that handle.
+  CStrList* DirLoadFrom(PlDir* handle);
+  void DirListFrom(HTTPS_CLIENT* client, const char* url, CStrList* list);
 
   // TLS.
   static bool OpenSSLInit();

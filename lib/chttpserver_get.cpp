@@ -345,7 +345,7 @@ CHttpServer::GetOutcome CHttpServer::ServeDirectory(HTTPS_CLIENT* client, __http
       return GET_ANSWERED;
     }
     PrintLog(client->Ip, "BROWSE \"%s\"", client->Arg.c_str());
-    DirList(client, t.Path.c_str(), t.Local.c_str());
+    DirListFrom(client, t.Path.c_str(), DirLoadFrom(PlDirOpenHandle(t.Handle)));
     return GET_ANSWERED;
   }
   if (CStrs* doc = DefaultDocIn(t.Local)) {

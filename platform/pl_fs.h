@@ -40,6 +40,13 @@ const char* PlDirNext(PlDir* dir);
 // gone. False before the first entry or when it has vanished.
 bool PlDirEntryStat(PlDir* dir, PlStatInfo* out);
 void PlDirClose(PlDir* dir);  // accepts null
+// A search of the directory that the open handle dir (from PlOpenBeneath)
+// is open on: what was checked is what is listed, whatever its name now
+// leads to. Null when it can't be read.
+PlDir* PlDirOpenHandle(PlFile dir);
+// Status of the entry PlDirNext returned last, a link followed to its target
+// as a status query by name would; false when that fails (a dangling link).
+bool PlDirEntryTargetStat(PlDir* dir, PlStatInfo* out);
 
 bool PlMkdir(const char* path);  // one level; false when it exists already
 bool PlRmdir(const char* path);  // only an empty directory

@@ -158,6 +158,35 @@ TEST_F(SecurityTest, LinkSwappedDuringRequestsNeverLeaksOutside) {
   EXPECT_GT(served, 0);  // the inside file was still served meanwhile
 }
 
+// The same for a listing: the directory that was checked is the one listed,
+// so the names outside never show.
+TEST(SecurityListing, LinkSwappedDuringListingsNeverShowsOutsideNames) {
+  ScratchDir base;
+  base.Write("home/in/inside-name.txt", "x");
+  base.Write("out/TOPSECRET-name.txt", "x");
+  TestServer server(base.Join("home"));
+  server.Srv().VdirAdd("/b", base.Join("home").c_str(), HTTPS_OBJF_ENABLED | HTTPS_OBJF_BROWSE);
+  server.Start();
+  const std::string swap = base.Join("home/dirswap"), tmp = swap + ".tmp";
+  std::atomic<bool> done{false};
+  std::thread swapper([&] {
+    for (unsigned i = 0; !done; i++) {
+      fs::create_directory_symlink(i % 2 ? base.Join("out") : "in", tmp);
+      std::rename(tmp.c_str(), swap.c_str());
+    }
+  });
+  int listed = 0, leaked = 0;
+  for (int i = 0; i < 1500; i++) {
+    std::string raw = Exchange(server.Port(), "GET /b/dirswap/ HTTP/1.1\r\n\r\n");
+    if (raw.find("TOPSECRET") != std::string::npos) leaked++;
+    if (raw.find("inside-name.txt") != std::string::npos) listed++;
+  }
+  done = true;
+  swapper.join();
+  EXPECT_EQ(leaked, 0);
+  EXPECT_GT(listed, 0);
+}
+
 TEST_F(SecurityTest, MalformedBodiesGetAStatedReplyOrNone) {
   const std::string mp = "Content-Type: multipart/form-data; boundary=-B\r\n";
   auto len = [](const std::string& body) { return "Content-Length: " + std::to_string(body.size()) + "\r\n"; };

@@ -74,6 +74,24 @@ bool PlDirEntryStat(PlDir* dir, PlStatInfo* out) {
   return true;
 }
 
+PlDir* PlDirOpenHandle(PlFile dir) {
+  int fd = openat((int)dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  DIR* d = fdopendir(fd);
+  if (!d) {
+    close(fd);
+    return nullptr;
+  }
+  return new PlDir{d, nullptr};
+}
+
+bool PlDirEntryTargetStat(PlDir* dir, PlStatInfo* out) {
+  struct stat st;
+  if (!dir || !dir->Last || fstatat(dirfd(dir->Handle), dir->Last, &st, 0) != 0) return false;
+  FillStat(st, out);
+  return true;
+}
+
 void PlDirClose(PlDir* dir) {
   if (!dir) return;
   closedir(dir->Handle);

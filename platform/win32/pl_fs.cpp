@@ -38,6 +38,7 @@ struct PlDir {
   WIN32_FIND_DATAA Data;
   bool Pending;
   bool Done;
+  std::string Path;  // for the status of an entry's target
 };
 
 PlDir* PlDirOpen(const char* path) {
@@ -46,6 +47,7 @@ PlDir* PlDirOpen(const char* path) {
   if (pattern.back() != '\\' && pattern.back() != '/') pattern += '\\';
   pattern += '*';
   PlDir* dir = new PlDir;
+  dir->Path = path;
   dir->Handle = FindFirstFileA(pattern.c_str(), &dir->Data);
   dir->Pending = dir->Handle != INVALID_HANDLE_VALUE;
   dir->Done = !dir->Pending;
@@ -244,4 +246,20 @@ int PlFileRead(PlFile f, void* buf, unsigned n) {
 
 void PlFileClose(PlFile f) {
   if (f != PL_NO_FILE) CloseHandle(reinterpret_cast<HANDLE>((intptr_t)f));
+}
+
+// The search runs on the handle's final path: the directory that was
+// opened and checked, not what its name may lead to by now.
+PlDir* PlDirOpenHandle(PlFile dir) {
+  std::string path;
+  if (!HandlePath(reinterpret_cast<HANDLE>((intptr_t)dir), &path)) return nullptr;
+  return PlDirOpen(path.c_str());
+}
+
+bool PlDirEntryTargetStat(PlDir* dir, PlStatInfo* out) {
+  if (!dir || dir->Done || dir->Pending) return false;
+  std::string full = dir->Path;
+  if (full.back() != '\\' && full.back() != '/') full += '\\';
+  full += dir->Data.cFileName;
+  return PlStat(full.c_str(), out);
 }
