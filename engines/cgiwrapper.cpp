@@ -9,6 +9,7 @@
 #include "chttpserver.h"
 #include "cpipestream.h"
 #include "pl_fs.h"
+#include "pl_process.h"
 #include "pl_thread.h"
 
 unsigned CgiTimeOut = 600;
@@ -50,16 +51,6 @@ struct ErrorDrain {
   }
 };
 
-// True when path lies inside dir once links are resolved: the dispatcher
-// has checked the request path as text, this keeps a link inside the home
-// directory from running a script that lies outside it.
-bool InsideDirectory(const CStr& path, const CStr& dir) {
-  std::string realPath, realDir;
-  if (!PlRealPath(path.c_str(), &realPath) || !PlRealPath(dir.c_str(), &realDir)) return false;
-  if (!realDir.empty() && realDir.back() != PL_PATH_SEP) realDir += PL_PATH_SEP;
-  return realPath.compare(0, realDir.size(), realDir) == 0;
-}
-
 // A program path with blanks is quoted: Windows finds such a program
 // unquoted by trying the blanks in turn, our command-line splitter does not.
 CStr ProgramWord(const CStr& path) {
@@ -87,18 +78,12 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
   HTTPS_CLIENT* client = static_cast<HTTPS_CLIENT*>(clientPtr);
   CHttpServer* server = client->CHttpServerEx;
 
-  // The request path as the client sent it may still hold "..": resolve it
-  // here too, whatever the dispatcher did, and refuse one that climbs out.
-  CStr relative = client->Arg;
-  bool contained = relative.PathSimplify('/');
-  if (relative.First() != '/') relative = CStr("/") + relative;  // a climb back may eat the leading one
-  CStr script = server->GetHomeDir();
-  script.Cat(relative);
-  script.NativePath();
+  // The dispatcher has found the script inside the home directory by the
+  // same rules as every file; empty means there is none.
+  const CStr& script = client->LocalPath;
   // A quote could end a quoted "%s" early and add words to the command
   // line; Windows names can't hold one, so such a file counts as absent.
-  bool quoteFree = script.FindChar('"') < 0;
-  if (!contained || !quoteFree || !script.FileExist() || !InsideDirectory(script, server->GetHomeDir())) {
+  if (script.IsEmpty() || script.FindChar('"') >= 0) {
     server->SendError(client, server->ErrMsg404, nullptr, 0);
     return true;
   }
@@ -159,26 +144,10 @@ CStr Quoted(const CStr& path) {
 }
 
 bool FindOnPath(const char* name, CStr& found) {
-  const char* pathVar = getenv("PATH");
-  if (!pathVar) return false;
-  const char listSep = PL_PATH_SEP == '/' ? ':' : ';';
-  std::string dirs = pathVar;
-  size_t start = 0;
-  for (;;) {
-    size_t stop = dirs.find(listSep, start);
-    std::string dir = dirs.substr(start, stop == std::string::npos ? std::string::npos : stop - start);
-    if (!dir.empty()) {
-      CStr candidate(dir.c_str());
-      candidate.CatChar(PL_PATH_SEP);
-      candidate.Cat(name);
-      if (candidate.FileExist()) {
-        found = candidate;
-        return true;
-      }
-    }
-    if (stop == std::string::npos) return false;
-    start = stop + 1;
-  }
+  std::string path;
+  if (!PlFindProgram(name, &path)) return false;
+  found = path.c_str();
+  return true;
 }
 
 }  // namespace

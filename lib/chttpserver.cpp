@@ -26,11 +26,14 @@ const size_t kClientStackSize = 256 * 1024;
 // How long the destructor waits for connection threads it has woken.
 const unsigned kClientDrainMs = 5000;
 
-// A connection thread that has finished its connection waits this long for
-// the next one before it ends; starting a thread costs more than the whole
-// reply to a small file. At most kIdleWorkersMax threads wait at a time.
-const unsigned kWorkerIdleMs = 2000;
-const size_t kIdleWorkersMax = 64;
+// A thread that has served its connection goes back to accept the next one
+// itself (starting a thread, or waking one, costs more than the whole reply
+// to a small file). At most this many wait in accept at a time; the rest end.
+const int kIdleAcceptorsMax = 64;
+
+// How long StopListening waits for the threads in accept to leave it before
+// the listener's descriptor is closed (and its number can be reused).
+const unsigned kAcceptorsLeaveMs = 1000;
 
 // Descriptors kept free below the process's limit for what serving a
 // request opens besides its socket: files, pipes to PHP, the log.
@@ -44,25 +47,23 @@ int ConnCapFor(int openFileLimit) {
 // connection that holds a thread without asking for anything is let go.
 const int kHeadDeadlineMs = 15000;
 
+// How long a connection may stay silent before it is accepted all the same.
+const int kDeferAcceptSec = 5;
+
 const char kBusyLine[] = "HTTP/1.1 503 Service Unavailable\r\n";
 
 }  // namespace
 
-// One connection thread. It serves one connection at a time, each from its
-// first byte to its close, and may then be handed the next one.
-struct ConnWorker {
-  PlEvent Wake;
-  HTTPS_CLIENT* Client = nullptr;  // set under LiveClients::Lock
-};
-
 // Connection threads of one server: the sockets being served (to wake
-// them), the threads waiting for a connection, and the number of threads
-// (to wait for them).
+// them), the threads in accept, and the number of threads (to wait for
+// them). Each thread accepts a connection, makes sure another one is left
+// accepting, serves it from its first byte to its close, and accepts again.
 struct LiveClients {
   PlMutex Lock;
   PlEvent NoneLeft;  // set while Threads is 0
   std::unordered_set<PlSocket> Sockets;
-  std::vector<ConnWorker*> Idle;
+  PlSocket Listener = PL_NO_SOCKET;  // what the threads accept on; none once stopped
+  int Acceptors = 0;                 // threads in accept, or on their way into it
   // Connections still waiting for their request head, oldest first: the
   // first to go when the cap is reached. An entry is live while InHead
   // holds its arrival number; older ones are dropped as they surface.
@@ -152,15 +153,18 @@ void CHttpServer::Init() {
   AcceptingThread = nullptr;
   AcceptingThreadID = 0;
   Live = new LiveClients;
+  HomeRoot = nullptr;
 }
 
 CHttpServer::~CHttpServer() {
   StopListening();
+  // The accepting thread may be serving a connection: the drain wakes it.
+  DrainClients();
   if (AcceptingThread) {
-    PlThreadWait(AcceptingThread, PL_INFINITE);
+    PlThreadWait(AcceptingThread, kClientDrainMs);
     PlThreadClose(AcceptingThread);
   }
-  DrainClients();
+  PlRootClose(HomeRoot);
   if (SslCtx && OpenSsl.SSL_CTX_free) OpenSsl.SSL_CTX_free(SslCtx);
   delete MimeList;
   delete ObjList;
@@ -175,7 +179,6 @@ void CHttpServer::DrainClients() {
     PlLock g(Live->Lock);
     Live->Stopping = true;
     for (PlSocket s : Live->Sockets) PlSockShutdownBoth(s);
-    for (ConnWorker* w : Live->Idle) w->Wake.Set();
   }
   Live->NoneLeft.Wait(kClientDrainMs);
   // The last thread sets the event while holding the lock; taking the lock
@@ -183,94 +186,68 @@ void CHttpServer::DrainClients() {
   PlLock g(Live->Lock);
 }
 
-// Gives the connection to a waiting thread, or starts a new one. False when
-// no thread could take it.
-bool CHttpServer::HandOver(HTTPS_CLIENT* client) {
-  ConnWorker* w;
-  {
-    PlLock g(Live->Lock);
-    const PlSocket sock = client->Socket->Socket;
-    Live->Sockets.insert(sock);
-    const uint64_t arrival = ++Live->Arrivals;
-    Live->InHead[sock] = arrival;
-    Live->HeadOrder.emplace_back(arrival, sock);
-    DropFinishedHeads(*Live);
-    if (!Live->Idle.empty()) {
-      w = Live->Idle.back();
-      Live->Idle.pop_back();
-      w->Client = client;
-    } else {
-      w = nullptr;
-      if (Live->Threads++ == 0) Live->NoneLeft.Reset();
-    }
-  }
-  if (w) {
-    // Woken after the lock is released, so that the thread does not wake
-    // up only to wait for the lock. It waits for this wake-up before it can
-    // park again or end (NextConnection).
-    w->Wake.Set();
-    return true;
-  }
-  w = new ConnWorker;
-  w->Client = client;
-  PlThread* thread = PlThreadStart(ConnectionThread, w, kClientStackSize);
-  if (!thread) {
-    delete w;
-    PlLock g(Live->Lock);
-    ForgetSocket(*Live, client->Socket->Socket);
-    WorkerGone();
-    return false;
-  }
-  // The thread's records live on their own; the handle is not needed.
-  PlThreadClose(thread);
-  return true;
+// Records a connection that this thread is about to serve.
+void CHttpServer::Register(HTTPS_CLIENT* client) {
+  PlLock g(Live->Lock);
+  const PlSocket sock = client->Socket->Socket;
+  Live->Sockets.insert(sock);
+  const uint64_t arrival = ++Live->Arrivals;
+  Live->InHead[sock] = arrival;
+  Live->HeadOrder.emplace_back(arrival, sock);
+  DropFinishedHeads(*Live);
 }
 
-unsigned int CHttpServer::ConnectionThread(void* arg) {
-  ConnWorker* w = static_cast<ConnWorker*>(arg);
-  CHttpServer* srv = w->Client->CHttpServerEx;
-  while (w->Client) {
-    ClientEx(w->Client);
-    w->Client = srv->NextConnection(w);
+// Starts one more thread that accepts; it has been counted in already.
+void CHttpServer::StartAcceptor() {
+  PlThread* thread = PlThreadStart(AcceptorThread, this, kClientStackSize);
+  if (thread) {
+    PlThreadClose(thread);  // the thread's records live on their own
+    return;
   }
-  delete w;
+  PlLock g(Live->Lock);
+  WorkerGone();
+}
+
+unsigned int CHttpServer::AcceptorThread(void* server) {
+  static_cast<CHttpServer*>(server)->AcceptAndServe();
   return 0;
 }
 
-// Parks the thread until the accepting thread hands it a connection. Null
-// means the thread is to end; it has then been counted out.
-HTTPS_CLIENT* CHttpServer::NextConnection(ConnWorker* w) {
-  {
-    PlLock g(Live->Lock);
-    w->Client = nullptr;
-    if (Live->Stopping || Live->Idle.size() >= kIdleWorkersMax) {
-      WorkerGone();
-      return nullptr;
-    }
-    w->Wake.Reset();
-    Live->Idle.push_back(w);
-  }
-  bool woken = w->Wake.Wait(kWorkerIdleMs);
-  HTTPS_CLIENT* next;
-  {
-    PlLock g(Live->Lock);
-    next = w->Client;
-    if (!next) {
-      // Timed out or told to stop. Nobody can pick this thread any more
-      // once it has left the waiting list under the lock.
-      for (size_t i = 0; i < Live->Idle.size(); ++i) {
-        if (Live->Idle[i] != w) continue;
-        Live->Idle.erase(Live->Idle.begin() + (long)i);
-        break;
+// The life of a connection thread: accept, leave another thread accepting
+// when none is, serve, and again, until the listener stops or enough
+// threads wait already. The thread is counted in Threads by whoever
+// started it and counts itself out here.
+void CHttpServer::AcceptAndServe() {
+  for (;;) {
+    PlSocket listener;
+    {
+      PlLock g(Live->Lock);
+      listener = Live->Listener;
+      if (listener == PL_NO_SOCKET || Live->Stopping || Live->Acceptors >= kIdleAcceptorsMax) {
+        WorkerGone();
+        return;
       }
-      WorkerGone();
-      return nullptr;
+      Live->Acceptors++;
     }
+    unsigned remoteAddr = 0;
+    unsigned short remotePort = 0;
+    // Only a listener that has been shut down or closed gives no socket;
+    // transient failures are retried inside the platform layer.
+    PlSocket sock = PlSockAccept(listener, &remoteAddr, &remotePort);
+    bool another;
+    {
+      PlLock g(Live->Lock);
+      Live->Acceptors--;
+      if (sock == PL_NO_SOCKET) {
+        WorkerGone();
+        return;
+      }
+      another = Live->Acceptors == 0 && Live->Listener == listener && !Live->Stopping;
+      if (another && Live->Threads++ == 0) Live->NoneLeft.Reset();
+    }
+    if (another) StartAcceptor();
+    AcceptOne(sock, remoteAddr, remotePort);
   }
-  // Handed a connection just as the wait ran out: its wake-up is on the
-  // way and must land before this event is reset or destroyed.
-  if (!woken) w->Wake.Wait(PL_INFINITE);
-  return next;
 }
 
 // Counts a thread out; called with the lock held.
@@ -432,6 +409,11 @@ bool CHttpServer::StartListening() {
     IsListening = false;
     return false;
   }
+  // A connection reaches a thread only once its request has begun to arrive:
+  // the thread then reads at once instead of sleeping in a wait for it. A
+  // client that stays silent is handed over anyway after a few seconds, to
+  // meet the head deadline like any other.
+  PlSockDeferAccept(s, kDeferAcceptSec);
   ListeningSock = s;
   IsListening = true;
   return true;
@@ -441,21 +423,42 @@ bool CHttpServer::StartAccepting() {
   if (IsAccepting) return true;
   if (!IsListening) return false;
   ConnCap = ConnCapFor(PlOpenFileLimit());
-  AcceptingThread = PlThreadStart(StartAcceptingEx, this, 0);
+  {
+    PlLock g(Live->Lock);
+    Live->Listener = ListeningSock;
+    if (Live->Threads++ == 0) Live->NoneLeft.Reset();
+  }
+  // Held open from here on, so that a request opens its file with one call
+  // relative to it; a home directory changed later is opened per request.
+  if (!HomeRoot) {
+    HomeRoot = PlRootOpen(HomeDir.c_str());
+    HomeRootPath = HomeDir;
+  }
+  AcceptingThread = PlThreadStart(StartAcceptingEx, this, kClientStackSize);
   IsAccepting = AcceptingThread != nullptr;
+  if (!IsAccepting) {
+    PlLock g(Live->Lock);
+    Live->Listener = PL_NO_SOCKET;
+    WorkerGone();
+  }
   return IsAccepting;
 }
 
 bool CHttpServer::StopListening() {
   if (!IsListening) return true;
   // Shut down first: on Linux a blocked accept only returns for that.
+  {
+    PlLock g(Live->Lock);
+    Live->Listener = PL_NO_SOCKET;
+  }
   PlSockShutdownBoth(ListeningSock);
-  // A thread still busy after a second (a slow TLS handshake) keeps its
+  // A thread still busy after a second (serving a connection) keeps its
   // handle, so that the destructor can wait for it to leave.
   if (AcceptingThread && PlThreadWait(AcceptingThread, 1000)) {
     PlThreadClose(AcceptingThread);
     AcceptingThread = nullptr;
   }
+  WaitForAcceptorsToLeave();
   PlSockClose(ListeningSock);
   ListeningSock = PL_NO_SOCKET;
   IsListening = false;
@@ -464,25 +467,32 @@ bool CHttpServer::StopListening() {
   return true;
 }
 
+// Threads on their way into accept find the listener shut down and leave at
+// once; its descriptor is closed only after that, so that a listener opened
+// later under the same number is never accepted on by them.
+void CHttpServer::WaitForAcceptorsToLeave() {
+  const uint64_t until = PlMonotonicMs() + kAcceptorsLeaveMs;
+  for (;;) {
+    {
+      PlLock g(Live->Lock);
+      if (Live->Acceptors == 0) return;
+    }
+    if (PlMonotonicMs() >= until) return;
+    PlSleepMs(1);
+  }
+}
+
+// The accepting thread is the first connection thread.
 unsigned int CHttpServer::StartAcceptingEx(void* arg) {
   CHttpServer* srv = static_cast<CHttpServer*>(arg);
   srv->AcceptingThreadID = PlThreadCurrentId();
-  const PlSocket listener = srv->ListeningSock;
-  for (;;) {
-    unsigned remoteAddr = 0;
-    unsigned short remotePort = 0;
-    // Only a listener that has been shut down or closed gives no socket;
-    // transient failures are retried inside the platform layer.
-    PlSocket sock = PlSockAccept(listener, &remoteAddr, &remotePort);
-    if (sock == PL_NO_SOCKET) break;
-    srv->AcceptOne(sock, remoteAddr, remotePort);
-  }
+  srv->AcceptAndServe();
   return 0;
 }
 
 void CHttpServer::AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short remotePort) {
-  // The local address is only needed here for the admission hook; without
-  // one the connection thread looks it up, off this serial path.
+  // The local address is looked up only when something needs it: the
+  // admission hook here, or ClientEx when the listener takes any address.
   unsigned localAddr = 0;
   unsigned short localPort = 0;
   if (OnConnect) {
@@ -504,15 +514,15 @@ void CHttpServer::AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short r
   client->Socket = new CSocket(sock);
   // A reply is a header, a body and a close: let them leave together
   // instead of as one packet per write. The close flushes what is held.
-  // TLS starts on the connection thread and needs no cork.
-  if (!SslEnabled) PlSockCork(sock);
+  // TLS starts on the connection thread and writes records of its own: it
+  // gets no cork, only small writes sent at once.
+  if (SslEnabled) PlSockNoDelay(sock);
+  else PlSockCork(sock);
+  // A listener bound to one address accepts only on that address.
+  if (!localAddr && ListeningAddr) localAddr = PlHtonl(ListeningAddr);
   client->Ip = remoteAddr;
   client->Port = remotePort;
   client->LocalIp = localAddr;
-  // From here on the connection thread owns the client and may already have
-  // freed it.
-  if (!HandOver(client)) {
-    delete client->Socket;
-    delete client;
-  }
+  Register(client);
+  ClientEx(client);  // frees the client
 }

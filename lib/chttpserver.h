@@ -12,13 +12,13 @@
 #include "cmem.h"
 #include "csocket.h"
 #include "cstr.h"
+#include "pl_fs.h"
 #include "pl_net.h"
 #include "pl_thread.h"
 
 class CHttpServer;
 struct HTTPS_CLIENT;
 struct LiveClients;  // connection-thread book-keeping, private to the server
-struct ConnWorker;
 
 // Engine callback: func(__https_obj* object, HTTPS_CLIENT* client). It writes
 // the whole reply itself; the server ignores the result and closes.
@@ -144,6 +144,33 @@ struct HTTPS_CLIENT {
   CStr Target;      // the request target as sent: not decoded, query included
   CStr PathInfo;    // "/a/b" of "/script.php/a/b"; Arg is then "/script.php"
   CStrList InHeaders;  // every header line as "Name: value", in arrival order
+  // The script or file the request path names, found by the dispatcher inside
+  // the home directory (links included); empty when there is none. The
+  // gateway runs this name and works out no path of its own.
+  CStr LocalPath;
+};
+
+// Where a request path leads on disk, worked out once per dispatch pass.
+struct HttpsTarget {
+  enum Kind {
+    INVALID,    // the path does not simplify (it climbs above its start)
+    OUTSIDE,    // joined onto its root, the name lies outside it
+    LEADS_OUT,  // the name is inside, but a link on the way leads out
+    MISSING,    // nothing that may be served is there
+    FILE,
+    DIR
+  };
+  Kind What = MISSING;
+  CStr Path;   // the request path, simplified
+  CStr Local;  // the local name in the platform's form
+  PlFile Handle = PL_NO_FILE;  // open for FILE and DIR: the thing that was checked
+  PlStatInfo Info = {};
+
+  HttpsTarget() = default;
+  ~HttpsTarget() { PlFileClose(Handle); }
+  HttpsTarget(const HttpsTarget&) = delete;
+  HttpsTarget& operator=(const HttpsTarget&) = delete;
+  bool Exists() const { return What == FILE || What == DIR; }
 };
 
 // The value of the first header called name (any case), blanks around it
@@ -223,9 +250,11 @@ class CHttpServer {
 
   void AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short remotePort);
   void DrainClients();
-  bool HandOver(HTTPS_CLIENT* client);
-  static unsigned int ConnectionThread(void* worker);
-  HTTPS_CLIENT* NextConnection(ConnWorker* w);
+  void Register(HTTPS_CLIENT* client);
+  void StartAcceptor();
+  static unsigned int AcceptorThread(void* server);
+  void AcceptAndServe();
+  void WaitForAcceptorsToLeave();
   void WorkerGone();
   void ClientSocketClosing(HTTPS_CLIENT* client);
   void ServeRequest(HTTPS_CLIENT* client);
@@ -235,15 +264,29 @@ class CHttpServer {
   void ParseHeader(HTTPS_CLIENT* client, char* line);
   void ParseContentType(HTTPS_CLIENT* client, char* save);
   void DispatchWithBody(HTTPS_CLIENT* client);
-  // Path resolution shared by GET and the methods with a body.
+  // Path resolution shared by GET and the methods with a body: the one place
+  // that turns a request path into a local name and opens it.
+  void ResolveTarget(const CStr& urlPath, __https_obj* obj, HttpsTarget& t);
+  bool OpenBeneath(const CStr& root, const CStr& rel, HttpsTarget& t);
   bool LocalTarget(const CStr& urlPath, CStr& local, bool& isDir);
   CStrs* DefaultDocIn(const CStr& dir);
   void ResolveDefaultDocument(HTTPS_CLIENT* client);
   void SplitPathInfo(HTTPS_CLIENT* client);
+  void RunCgi(__https_obj* obj, HTTPS_CLIENT* client);
+  // The steps of a GET, each ending in one of these.
+  enum GetOutcome { GET_ANSWERED, GET_AGAIN, GET_SERVE };
+  GetOutcome GetPass(HTTPS_CLIENT* client);
+  GetOutcome FindTarget(HTTPS_CLIENT* client, __https_obj*& obj, HttpsTarget& t);
+  GetOutcome ServeDirectory(HTTPS_CLIENT* client, __https_obj* obj, HttpsTarget& t);
+  GetOutcome ServeFile(HTTPS_CLIENT* client, HttpsTarget& t);
+  void RedirectToSlash(HTTPS_CLIENT* client);
+  PlRoot* HomeRoot;     // the home directory held open while accepting
+  CStr HomeRootPath;    // the HomeDir it was opened for
   bool AdmitConnection();
   void HeadDone(HTTPS_CLIENT* client);
   bool AdmitRequest(HTTPS_CLIENT* client);
   bool AdmitFromOrigin(HTTPS_CLIENT* client);
+  bool ReachesDirEngine(const CStr& path);
   bool IsOwnHost(const CStr& host) const;
   bool IsOwnOrigin(const char* url) const;
   void SendKeyCookie(HTTPS_CLIENT* client, const CStr& target);
@@ -329,6 +372,10 @@ class CHttpServer {
   CStrList* DirLoad(const char* dir);
   static int DirSortFunc(const void* a, const void* b);
   void DirList(HTTPS_CLIENT* client, const char* url, const char* dir);
+  // The same for a directory already open (the one the request was checked
+  // against): the listing is read through that handle.
+  CStrList* DirLoadFrom(PlDir* handle);
+  void DirListFrom(HTTPS_CLIENT* client, const char* url, CStrList* list);
 
   // TLS.
   static bool OpenSSLInit();
@@ -339,6 +386,8 @@ class CHttpServer {
   bool SendHeader(HTTPS_CLIENT* client, int len, const char* type, const char* filename,
                   long long mtime, int flags);
   bool SendFile(HTTPS_CLIENT* client, const char* path);
+  // Sends len bytes of an open file (path only names it in the log).
+  bool SendOpenFile(HTTPS_CLIENT* client, PlFile f, long long len, const char* path);
   bool SendReply(HTTPS_CLIENT* client, char* buf, int len);
   bool SendMoved(CSocket* sock, CStr& url);
   bool SendNotModified(CSocket* sock);

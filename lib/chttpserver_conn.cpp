@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
+#include <exception>
 
 #include "pl_sendfile.h"
 
@@ -123,7 +123,9 @@ char* CHttpServer::StrTok(char* text, const char* delims, char** save) {
 unsigned int CHttpServer::ClientEx(void* arg) {
   HTTPS_CLIENT* client = static_cast<HTTPS_CLIENT*>(arg);
   CHttpServer* srv = client->CHttpServerEx;
-  client->ThreadID = PlThreadCurrentId();
+  // Asked once per thread: the answer costs a system call.
+  static thread_local unsigned long threadId = PlThreadCurrentId();
+  client->ThreadID = threadId;
   if (!client->LocalIp) {
     unsigned short localPort = 0;
     PlSockLocalAddr(client->Socket->Socket, &client->LocalIp, &localPort);
@@ -135,10 +137,17 @@ unsigned int CHttpServer::ClientEx(void* arg) {
     ready = client->Socket->AcceptTls(srv->SslCtx, CSocket::kTlsHandshakeMs);
     if (!ready && srv->OnSslError) srv->OnSslError(client, 1);
   }
-  // This thread is where everything thrown by an engine or the socket stops.
+  // This thread is where everything thrown by an engine or the socket stops;
+  // the reason goes to the log once, so that a request that got nothing
+  // (php-cgi missing, say) can be traced.
   try {
     if (ready) srv->ServeRequest(client);
+  } catch (int code) {
+    srv->PrintLog(client->Ip, "Request \"%s\" ended by error %d", client->Arg.c_str(), code);
+  } catch (const std::exception& e) {
+    srv->PrintLog(client->Ip, "Request \"%s\" ended by error: %s", client->Arg.c_str(), e.what());
   } catch (...) {
+    srv->PrintLog(client->Ip, "Request \"%s\" ended by an unknown error", client->Arg.c_str());
   }
   try {
     PlSockShutdownSend(client->Socket->Socket);
@@ -216,12 +225,14 @@ const MethodName kMethods[] = {
 // whole rather than read in part.
 bool CHttpServer::ReadRequest(HTTPS_CLIENT* client) {
   // Room for a full line, its CR LF and the terminating zero; one byte more
-  // tells a line that is exactly full from one that goes on.
-  std::vector<char> buf(HTTPS_MAX_LINE_LEN + 3);
+  // tells a line that is exactly full from one that goes on. On the stack
+  // and not cleared: only the pages a line reaches are ever touched, which
+  // keeps an idle connection small.
+  char buf[HTTPS_MAX_LINE_LEN + 3];
   int headBytes = 0;
-  while (char* line = client->Socket->Gets(buf.data(), (unsigned)buf.size())) {
+  while (char* line = client->Socket->Gets(buf, (unsigned)sizeof buf)) {
     int raw = (int)strlen(line);
-    bool unfinished = raw == (int)buf.size() - 1 && line[raw - 1] != '\n';
+    bool unfinished = raw == (int)sizeof buf - 1 && line[raw - 1] != '\n';
     line[strcspn(line, "\r\n")] = 0;
     bool first = client->Method == HTTPS_MET_NONE;
     if (unfinished || (int)strlen(line) > HTTPS_MAX_LINE_LEN)
@@ -402,7 +413,7 @@ void CHttpServer::DispatchWithBody(HTTPS_CLIENT* client) {
       PrintLog(client->Ip, "EXE %s: Internal error", obj->Alias.c_str());
       SendError(client, ErrMsg500, nullptr);
     }
-  } else if (OnCgi) {
-    OnCgi(obj, client);
+  } else {
+    RunCgi(obj, client);
   }
 }

@@ -84,18 +84,17 @@ CStr ListingRow(const char* url, const CStrs& name, const PlStatInfo& info) {
 
 }  // namespace
 
-CStrList* CHttpServer::DirLoad(const char* dir) {
-  PlDir* handle = PlDirOpen(dir);
+CStrList* CHttpServer::DirLoad(const char* dir) { return DirLoadFrom(PlDirOpen(dir)); }
+
+// The entries of an open search, which it closes; null for none.
+CStrList* CHttpServer::DirLoadFrom(PlDir* handle) {
   if (!handle) return nullptr;
   CStrList* list = new CStrList;
   while (const char* name = PlDirNext(handle)) {
-    CStr full = dir;
-    full += PL_PATH_SEP;
-    full += name;
     // A link whose target is gone is still an entry of the directory: it
     // is listed with what the search knows of the link itself.
     PlStatInfo info = {0, 0, false};
-    if (!PlStat(full.c_str(), &info)) PlDirEntryStat(handle, &info);
+    if (!PlDirEntryTargetStat(handle, &info)) PlDirEntryStat(handle, &info);
     list->AddObject(name, new PlStatInfo(info));
   }
   PlDirClose(handle);
@@ -111,7 +110,11 @@ int CHttpServer::DirSortFunc(const void* a, const void* b) {
 }
 
 void CHttpServer::DirList(HTTPS_CLIENT* client, const char* url, const char* dir) {
-  CStrList* list = DirLoad(dir);
+  DirListFrom(client, url, DirLoad(dir));
+}
+
+// The listing page of the entries in list, which it frees; none for null.
+void CHttpServer::DirListFrom(HTTPS_CLIENT* client, const char* url, CStrList* list) {
   if (!list) return;
   list->Sort(DirSortFunc);
   if (SendHeader(client, 0, nullptr, nullptr, 0, 0)) {

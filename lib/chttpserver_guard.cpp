@@ -154,8 +154,8 @@ bool CHttpServer::IsOwnOrigin(const char* url) const {
 // programs) have already proven they hold the key.
 bool CHttpServer::AdmitFromOrigin(HTTPS_CLIENT* client) {
   const bool reads = client->Method == HTTPS_MET_GET || client->Method == HTTPS_MET_HEAD;
-  const bool changes = !reads ||
-                       ObjGet(HTTPS_OBJ_ENGINE, client->Arg.c_str()) != nullptr;
+  const bool changes = !reads || ObjGet(HTTPS_OBJ_ENGINE, client->Arg.c_str()) != nullptr ||
+                       ReachesDirEngine(client->Arg);
   if (!changes) return true;
   const CStr& site = client->InSecFetchSite;
   bool foreign = !site.IsEmpty() && site.CompareIC("same-origin") != 0 && site.CompareIC("none") != 0;

@@ -142,23 +142,29 @@ bool CHttpServer::SendHeader(HTTPS_CLIENT* client, int len, const char* type, co
 }
 
 bool CHttpServer::SendFile(HTTPS_CLIENT* client, const char* path) {
-  FILE* f = fopen(path, "rb");
-  if (!f) {
+  PlFile f = PL_NO_FILE;
+  PlStatInfo info;
+  if (PlOpenBeneath(nullptr, path, &f, &info) != PL_BENEATH_OPEN || info.IsDir) {
+    PlFileClose(f);
     PrintLog(client->Ip, "SEND FILE: File \"%s\" not found", path);
     return false;
   }
+  bool ok = SendOpenFile(client, f, info.Size, path);
+  PlFileClose(f);
+  return ok;
+}
+
+bool CHttpServer::SendOpenFile(HTTPS_CLIENT* client, PlFile f, long long len, const char* path) {
   bool ok = true;
   CSocket* sock = client->Socket;
   if (!sock->Ssl) {
     // The kernel copies the file to the socket without a user buffer.
-    ok = PlSendFile(sock->Socket, f) >= 0;
+    ok = PlSendFile(sock->Socket, f, len) >= 0;
   } else {
     char chunk[kFileChunk];
-    size_t got;
-    while (ok && (got = fread(chunk, 1, sizeof chunk, f)) > 0)
-      ok = sock->Write(chunk, (int)got) == (int)got;
+    int got;
+    while (ok && (got = PlFileRead(f, chunk, sizeof chunk)) > 0) ok = sock->Write(chunk, got) == got;
   }
-  fclose(f);
   if (!ok) PrintLog(client->Ip, "SEND FILE: Socket error sending \"%s\"", path);
   return ok;
 }

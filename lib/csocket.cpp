@@ -99,7 +99,7 @@ void CSocket::Release() {
     Ssl = nullptr;
   }
   if (Socket != PL_NO_SOCKET) {
-    PlSockClose(Socket);
+    PlSockCloseConnected(Socket);
     Socket = PL_NO_SOCKET;
   }
   delete[] InBuf;
@@ -133,13 +133,18 @@ void CSocket::FillInBuf() {
       Eof = true;
       return;
     }
-    // A time-out ends the input; a wait error falls through to the receive,
-    // which then reports it.
-    if (PlSockWaitMs(Socket, false, WaitMs()) == 0) {
-      Eof = true;
-      return;
+    // What has already arrived is taken without a wait (a request usually
+    // comes with its connection). Otherwise a time-out ends the input; a
+    // wait error falls through to the receive, which then reports it.
+    int got = PlSockRecvNoWait(Socket, InBuf, static_cast<int>(InBufSize));
+    if (got == PL_SOCK_NOTHING_YET) {
+      if (PlSockWaitMs(Socket, false, WaitMs()) == 0) {
+        Eof = true;
+        return;
+      }
+      got = PlSockRecv(Socket, InBuf, static_cast<int>(InBufSize));
     }
-    InBufLen = static_cast<unsigned>(PlSockRecv(Socket, InBuf, static_cast<int>(InBufSize)));
+    InBufLen = static_cast<unsigned>(got);
   }
   InBufPtr = 0;
   Eof = InBufLen == 0;

@@ -22,8 +22,14 @@ PlSocket PlSockTcp();  // PL_NO_SOCKET on failure
 // another socket is listening on.
 bool PlSockBind(PlSocket s, unsigned addrHostOrder, unsigned short port);
 bool PlSockListen(PlSocket s, int backlog);
+// Lets accept return a connection only once its first bytes have arrived
+// (or after about maxWaitSec), so that the reader never waits for them.
+// False where the system has no such option.
+bool PlSockDeferAccept(PlSocket s, int maxWaitSec);
 // Blocks for the next connection; PL_NO_SOCKET once the listener is closed.
-// Failures that concern one connection only are retried.
+// Failures that concern one connection only are retried. The new socket
+// sends small writes at once unless the caller corks it (PlSockCork) or
+// switches Nagle's delay off (PlSockNoDelay).
 PlSocket PlSockAccept(PlSocket s, unsigned* remoteAddr, unsigned short* remotePort);
 bool PlSockLocalAddr(PlSocket s, unsigned* addr, unsigned short* port);
 bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port);
@@ -49,6 +55,14 @@ int PlSockSendSome(PlSocket s, const void* buf, int n);
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec);
 int PlSockSend(PlSocket s, const void* buf, int n);  // -1 on failure
 int PlSockRecv(PlSocket s, void* buf, int n);        // -1 on failure, 0 at end
+// A receive that never waits: what has arrived, 0 at the end, -1 on failure,
+// PL_SOCK_NOTHING_YET when nothing is there (where the system can't say,
+// also then), so a caller waits only when it must.
+const int PL_SOCK_NOTHING_YET = -2;
+int PlSockRecvNoWait(PlSocket s, void* buf, int n);
+// Sends each small write at once instead of waiting for the peer's
+// acknowledgement of the previous one.
+bool PlSockNoDelay(PlSocket s);
 void PlSockShutdownSend(PlSocket s);
 // Closes the socket; a listening socket's blocked accept returns first.
 void PlSockClose(PlSocket s);
@@ -61,6 +75,8 @@ void PlSockCloseHandle(PlSocket s);
 // and where the system has none (Windows for now).
 PlSocket PlSockLocalListen(const char* path, int backlog);
 PlSocket PlSockLocalConnect(const char* path);
+// Closes a connected socket (never a listener), skipping that check.
+void PlSockCloseConnected(PlSocket s);
 // Resolves a dotted address (taken by address) or a host name (looked up by
 // name, IPv4 only). An all-ones "255.255.255.255" counts as a name, as with
 // the classic resolver. False when nothing is found.

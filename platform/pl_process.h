@@ -4,9 +4,9 @@
 #ifndef LUMETTA_PL_PROCESS_H
 #define LUMETTA_PL_PROCESS_H
 
-// A pipe end: a descriptor on POSIX, a HANDLE on Windows.
-typedef long long PlFile;
-const PlFile PL_NO_FILE = -1;
+#include <string>
+
+#include "pl_fs.h"  // PlFile
 
 // Creates an anonymous pipe. childEnd names the end a child will receive
 // (0 the read end, 1 the write end); our own end is never inherited.
@@ -46,6 +46,12 @@ struct PlProcessStartInfo {
 };
 
 struct PlProc;  // opaque; one per started child
+
+// Where a program called name lies: a name with a separator is a path (a
+// relative one against our current directory); a bare name is looked for on
+// the search path (PATH), as the platform's own loader would. False when no
+// such program file exists.
+bool PlFindProgram(const char* name, std::string* out);
 
 // Starts a child. Null when it could not be started (program not found, not
 // executable, bad directory). On POSIX the child leads a process group of its

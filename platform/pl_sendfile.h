@@ -4,15 +4,14 @@
 #ifndef LUMETTA_PL_SENDFILE_H
 #define LUMETTA_PL_SENDFILE_H
 
-#include <cstdio>
-
+#include "pl_fs.h"
 #include "pl_net.h"
 
-// Sends the whole of the freshly opened file f to s without a user-space
-// copy where the platform allows it; f is only fit for closing afterwards.
-// Returns the number of bytes sent, or -1 when the socket failed (a file
-// read error ends the copy like the file's end).
-long long PlSendFile(PlSocket s, FILE* f);
+// Sends the first len bytes of the freshly opened file f to s without a
+// user-space copy where the platform allows it; f is only fit for closing
+// afterwards. Returns the number of bytes sent, or -1 when the socket failed
+// (a file that ends early ends the copy).
+long long PlSendFile(PlSocket s, PlFile f, long long len);
 // Shuts s down for sending and receiving. On a listening socket this makes
 // a blocked accept return at once, which closing alone does not do on Linux.
 void PlSockShutdownBoth(PlSocket s);

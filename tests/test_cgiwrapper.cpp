@@ -12,6 +12,7 @@
 #include "cgiwrapper.h"
 #include "engines_helpers.h"
 #include "pl_thread.h"
+#include "server_support.h"
 
 namespace fs = std::filesystem;
 
@@ -206,4 +207,20 @@ TEST_F(CgiTest, ScriptsOutsideTheHomeDirectoryNeverRun) {
     EXPECT_FALSE(EnginesPost(Srv->GetPort(), target, "application/x-www-form-urlencoded", "a=1").Has("OUTSIDE-RAN"));
   }
   EXPECT_EQ(Get("/sub/../hello.php").Body, "Hello nobody\n");  // staying inside is fine
+}
+
+// An interpreter that can't be started leaves the client without a reply;
+// the log says why, once.
+TEST(CgiFailure, InterpreterThatCannotStartIsLogged) {
+  srvtest::ScratchDir home;
+  home.Write("page.x", "");
+  std::string notAProgram = home.Write("not-a-program", "plain text");
+  srvtest::TestServer server(home.Path());
+  server.Srv().OnCgi = CgiWrapper;
+  ASSERT_NE(server.Srv().Vadd("x", notAProgram.c_str(), "", HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED), nullptr);
+  server.Start();
+  EXPECT_EQ(srvtest::Exchange(server.Port(), "GET /page.x HTTP/1.1\r\n\r\n"), "");
+  ASSERT_TRUE(server.WaitLog("Request \"/page.x\" ended by error"));
+  std::string log = server.LogText();
+  EXPECT_EQ(log.find("ended by error", log.find("ended by error") + 1), std::string::npos) << log;
 }

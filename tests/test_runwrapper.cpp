@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -89,4 +90,28 @@ TEST_F(RunTest, DesktopOpenerStartsAProgramInItsDirectory) {
   EXPECT_EQ(Status(query), "HTTP/1.1 302");
   for (int i = 0; i < 200 && EnginesReadFile(out).empty(); i++) PlSleepMs(10);
   EXPECT_EQ(EnginesReadFile(out), Home.Path + "\n");
+}
+
+// Names the way the desktop takes them: a bare program name from the search
+// path, a relative path against our own current directory (not the
+// directory the program is started in).
+TEST_F(RunTest, DesktopOpenerFindsBareNamesAndRelativePaths) {
+  PlShellSetOpener(nullptr);
+  EnginesWriteFile(Home / "prog.sh", "#!/bin/sh\npwd > ran-relative.txt\n");
+  std::filesystem::permissions(Home / "prog.sh", std::filesystem::perms::owner_all);
+  const std::string relative = std::filesystem::relative(Home / "prog.sh").string();
+  ASSERT_NE(relative[0], '/');
+  const struct { std::string file, params, out; } cases[] = {
+      {"sh", "-c+%22pwd+%3E+ran-bare.txt%22", "ran-bare.txt"},
+      {relative, "", "ran-relative.txt"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file);
+    std::string query = "?file=" + c.file + "&directory=" + Home.Path + "&page=p";
+    if (!c.params.empty()) query += "&parameters=" + c.params;
+    EXPECT_EQ(Status(query), "HTTP/1.1 302");
+    for (int i = 0; i < 200 && EnginesReadFile(Home / c.out).empty(); i++) PlSleepMs(10);
+    EXPECT_EQ(EnginesReadFile(Home / c.out), Home.Path + "\n");
+  }
+  EXPECT_EQ(Status("?file=no-such-program-here&page=p"), "HTTP/1.1 403");
 }

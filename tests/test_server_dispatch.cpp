@@ -165,6 +165,34 @@ TEST_F(DispatchTest, GuardedVirtualDirectory) {
   EXPECT_EQ(log.find("Invalid user name", log.find("Invalid user name") + 1), std::string::npos);
 }
 
+// The rest of the request path follows the mapped directory's path as it
+// stands: "/vdb.txt" under "/vd" names "<dir>b.txt", a sibling of the
+// directory, which containment refuses; it never becomes "<dir>/b.txt".
+TEST_F(DispatchTest, VirtualDirectoryPathIsFollowedDirectlyByTheRest) {
+  std::string dir = Outside.MakeDir("vd");
+  Outside.Write("vd/b.txt", "in vd");
+  Outside.Write("vdb.txt", "sibling");
+  ASSERT_NE(Srv().VdirAdd("/vd", dir.c_str(), HTTPS_OBJF_ENABLED), nullptr);
+  Server.Start();
+  const struct { const char* target; int status; const char* body; } cases[] = {
+      {"/vd/b.txt", 200, "in vd"}, {"/vdb.txt", 403, ""}, {"/vd//b.txt", 200, "in vd"}, {"/vd/", 404, ""}};
+  for (const auto& c : cases) {
+    Reply r = Get(Port(), c.target);
+    EXPECT_EQ(r.Status, c.status) << c.target;
+    EXPECT_EQ(r.Body, c.body) << c.target;
+  }
+}
+
+// A directory without a default document is answered by its "/index.ebd"
+// engine, which has no password step of its own there.
+TEST_F(DispatchTest, DirectoryEngineIsCalledWithoutThePasswordStep) {
+  Srv().SetPassword(Srv().EngsAdd("/plain/index.ebd", EchoArgsEngine, HTTPS_OBJF_ENABLED), "alice", "pw");
+  Server.Start();
+  EXPECT_EQ(Get(Port(), "/plain/").Body, "args 0\n");
+  // Asked by its own name it is an engine like any other, guarded.
+  EXPECT_EQ(Raw("/plain/index.ebd"), AuthReply("plain/index.ebd"));
+}
+
 TEST_F(DispatchTest, EngineReceivesQueryAndFormArguments) {
   Server.Start();
   const std::string abc = "args 3\na\t1\t1\nb\t0\t\nc\t1\t3\n";

@@ -4,8 +4,12 @@
 // Secrets lie beside the home directory; no reply may ever carry them.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "server_support.h"
 
@@ -90,6 +94,97 @@ TEST_F(SecurityTest, TraversalCorpusNeverLeavesTheRoots) {
       {"/a.txt", "inside"}, {"/inlink", "inside"}, {"/sub/../a.txt", "inside"},
       {"/linkdir_in/x.txt", "inside sub"}, {"/v/ok.txt", "vdir ok"}};
   for (const auto& [target, body] : inside) EXPECT_EQ(Get(Server.Port(), target).Body, body) << target;
+}
+
+TEST_F(SecurityTest, LinksOutAreRefusedForEveryMethod) {
+  Base.Write("home/scripts/ok.txt", "inside");
+  fs::create_symlink("../../secret.txt", Base.Join("home/scripts/x.php"));
+  // An engine stands in for the PHP gateway: it is handed the script the
+  // server found, which must never be the one outside.
+  Server.Srv().OnCgi = [](void*, void* c) {
+    HTTPS_CLIENT* client = static_cast<HTTPS_CLIENT*>(c);
+    std::string reply = "HTTP/1.1 200 OK\r\n\r\nscript=[" + std::string(client->LocalPath.c_str()) + "]";
+    client->Socket->Write(reply.data(), (int)reply.size());
+    return true;
+  };
+  Server.Srv().VfileMapAdd("php", Base.Join("secret.txt").c_str(), "", HTTPS_OBJF_ENABLED);
+  for (const char* method : {"GET", "POST", "PUT"}) {
+    for (const char* target : {"/link_out", "/dirlink/secret.txt", "/docdir/", "/docdir/index.html",
+                               "/scripts/x.php", "/dirlink/home/a.txt", "/v/vlink"}) {
+      SCOPED_TRACE(std::string(method) + " " + target);
+      std::string raw = Exchange(Server.Port(), std::string(method) + " " + target +
+                                                    " HTTP/1.1\r\nContent-Length: 3\r\n\r\na=1");
+      EXPECT_EQ(raw.find("TOPSECRET"), std::string::npos);
+      EXPECT_EQ(raw.find("secret.txt]"), std::string::npos) << raw;
+    }
+  }
+  EXPECT_EQ(ParseReply(Exchange(Server.Port(), "GET /scripts/x.php HTTP/1.1\r\n\r\n")).Body, "script=[]");
+}
+
+// A link renamed back and forth between a file inside and one outside while
+// requests for it run: the file that is checked must be the file that is
+// sent, so not one byte from outside ever arrives.
+TEST_F(SecurityTest, LinkSwappedDuringRequestsNeverLeaksOutside) {
+  Base.Write("home/in/file.txt", "inside");
+  Base.Write("out/file.txt", "TOPSECRET");
+  const std::string swap = Base.Join("home/swap"), dirSwap = Base.Join("home/dirswap");
+  const std::string secret = Base.Join("secret.txt");
+  std::atomic<bool> done{false};
+  std::thread swapper([&] {
+    const std::string tmp = swap + ".tmp", dirTmp = dirSwap + ".tmp";
+    for (unsigned i = 0; !done; i++) {
+      // Relative and absolute targets: both ways out must be closed.
+      fs::create_symlink(i % 2 ? secret : "a.txt", tmp);
+      fs::create_directory_symlink(i % 2 ? Base.Join("out") : "in", dirTmp);
+      std::rename(tmp.c_str(), swap.c_str());
+      std::rename(dirTmp.c_str(), dirSwap.c_str());
+    }
+  });
+  std::atomic<int> served{0}, leaked{0};
+  std::vector<std::thread> clients;
+  for (const char* target : {"/swap", "/dirswap/file.txt"}) {
+    clients.emplace_back([&, target] {
+      for (int i = 0; i < 1500; i++) {
+        std::string raw = Exchange(Server.Port(), std::string("GET ") + target + " HTTP/1.1\r\n\r\n");
+        if (raw.find("TOPSECRET") != std::string::npos) leaked++;
+        if (ParseReply(raw).Body == "inside") served++;
+      }
+    });
+  }
+  for (std::thread& t : clients) t.join();
+  done = true;
+  swapper.join();
+  EXPECT_EQ(leaked, 0);
+  EXPECT_GT(served, 0);  // the inside file was still served meanwhile
+}
+
+// The same for a listing: the directory that was checked is the one listed,
+// so the names outside never show.
+TEST(SecurityListing, LinkSwappedDuringListingsNeverShowsOutsideNames) {
+  ScratchDir base;
+  base.Write("home/in/inside-name.txt", "x");
+  base.Write("out/TOPSECRET-name.txt", "x");
+  TestServer server(base.Join("home"));
+  server.Srv().VdirAdd("/b", base.Join("home").c_str(), HTTPS_OBJF_ENABLED | HTTPS_OBJF_BROWSE);
+  server.Start();
+  const std::string swap = base.Join("home/dirswap"), tmp = swap + ".tmp";
+  std::atomic<bool> done{false};
+  std::thread swapper([&] {
+    for (unsigned i = 0; !done; i++) {
+      fs::create_directory_symlink(i % 2 ? base.Join("out") : "in", tmp);
+      std::rename(tmp.c_str(), swap.c_str());
+    }
+  });
+  int listed = 0, leaked = 0;
+  for (int i = 0; i < 1500; i++) {
+    std::string raw = Exchange(server.Port(), "GET /b/dirswap/ HTTP/1.1\r\n\r\n");
+    if (raw.find("TOPSECRET") != std::string::npos) leaked++;
+    if (raw.find("inside-name.txt") != std::string::npos) listed++;
+  }
+  done = true;
+  swapper.join();
+  EXPECT_EQ(leaked, 0);
+  EXPECT_GT(listed, 0);
 }
 
 TEST_F(SecurityTest, MalformedBodiesGetAStatedReplyOrNone) {

@@ -43,10 +43,12 @@ void PlNetNoSigPipe() {
 
 // Replies are written in several small pieces (header, then body); without
 // this the second piece can wait for the peer's delayed acknowledgement.
-static void NoDelay(int fd) {
+static bool NoDelay(int fd) {
   int on = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  return setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
 }
+
+bool PlSockNoDelay(PlSocket s) { return NoDelay(Fd(s)); }
 
 PlSocket PlSockTcp() {
   PlNetNoSigPipe();
@@ -67,6 +69,10 @@ bool PlSockBind(PlSocket s, unsigned addrHostOrder, unsigned short port) {
 
 bool PlSockListen(PlSocket s, int backlog) { return listen(Fd(s), backlog) == 0; }
 
+bool PlSockDeferAccept(PlSocket s, int maxWaitSec) {
+  return setsockopt(Fd(s), IPPROTO_TCP, TCP_DEFER_ACCEPT, &maxWaitSec, sizeof maxWaitSec) == 0;
+}
+
 // True for the accept errors that mean the listener itself is gone.
 static bool ListenerGone(int err) {
   return err == EBADF || err == EINVAL || err == ENOTSOCK || err == EOPNOTSUPP;
@@ -83,7 +89,6 @@ PlSocket PlSockAccept(PlSocket s, unsigned* remoteAddr, unsigned short* remotePo
     socklen_t len = sizeof sa;
     int fd = accept4(Fd(s), reinterpret_cast<sockaddr*>(&sa), &len, SOCK_CLOEXEC);
     if (fd >= 0) {
-      NoDelay(fd);
       if (remoteAddr) *remoteAddr = sa.sin_addr.s_addr;
       if (remotePort) *remotePort = ntohs(sa.sin_port);
       return static_cast<PlSocket>(fd);
@@ -214,6 +219,16 @@ int PlSockRecv(PlSocket s, void* buf, int n) {
   }
 }
 
+int PlSockRecvNoWait(PlSocket s, void* buf, int n) {
+  if (n < 0) return -1;
+  for (;;) {
+    ssize_t r = recv(Fd(s), buf, static_cast<size_t>(n), MSG_DONTWAIT);
+    if (r >= 0) return static_cast<int>(r);
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return PL_SOCK_NOTHING_YET;
+    if (errno != EINTR) return -1;
+  }
+}
+
 void PlSockShutdownSend(PlSocket s) { shutdown(Fd(s), SHUT_WR); }
 
 void PlSockClose(PlSocket s) {
@@ -267,6 +282,8 @@ PlSocket PlSockLocalConnect(const char* path) {
 void PlSockCloseHandle(PlSocket s) {
   if (s != PL_NO_SOCKET) close(Fd(s));
 }
+
+void PlSockCloseConnected(PlSocket s) { PlSockCloseHandle(s); }
 
 bool PlResolveHost(const char* host, unsigned* addr) {
   if (!host || !addr) return false;

@@ -63,13 +63,8 @@ bool PlPipeCreate(PlFile* readEnd, PlFile* writeEnd, int /*childEnd*/) {
   return true;
 }
 
-int PlPipeRead(PlFile f, void* buf, unsigned n) {
-  for (;;) {
-    ssize_t r = read((int)f, buf, n);
-    if (r >= 0) return (int)r;
-    if (errno != EINTR) return -1;
-  }
-}
+// A pipe end is read like any open file.
+int PlPipeRead(PlFile f, void* buf, unsigned n) { return PlFileRead(f, buf, n); }
 
 bool PlPipeWrite(PlFile f, const void* buf, unsigned n) {
   // A child that has gone would raise SIGPIPE and end the whole server:
@@ -176,9 +171,8 @@ static bool IsExecutableFile(const std::string& path) {
   return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
 }
 
-// Where the program lies: a name with a '/' is taken as a path (a relative
-// one against our own directory, as the Windows loader does, not the child's
-// working directory); a bare name is searched on PATH. Empty when not found.
+// A relative name is taken against our own directory, as the Windows loader
+// does, not the child's working directory.
 static std::string ResolveProgram(const std::string& name) {
   if (name.empty()) return std::string();
   if (name.find('/') != std::string::npos) {
@@ -203,6 +197,13 @@ static std::string ResolveProgram(const std::string& name) {
     start = colon + 1;
   }
   return std::string();
+}
+
+bool PlFindProgram(const char* name, std::string* out) {
+  std::string found = ResolveProgram(name ? name : "");
+  if (found.empty()) return false;
+  *out = found;
+  return true;
 }
 
 static std::vector<char*> EnvVector(const char* block) {

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <string>
 
+#include "pl_fs.h"
 #include "pl_process.h"
 #include "pl_thread.h"
 
@@ -79,18 +80,40 @@ static bool RunOpener(const std::string& tool, const std::string& file, const ch
   return ok;
 }
 
-static bool DesktopOpen(const char* file, const char* params, const char* dir, int /*showCmd*/) {
+// What the desktop would open for the name a page gave: a relative name
+// against our current directory (not the started program's), and a bare
+// name that is nothing here found on the search path, the way a shell finds
+// a program. Empty when there is nothing by that name.
+static std::string ResolveTarget(const char* file) {
   struct stat st;
-  if (!file || !*file || stat(file, &st) != 0) return false;
+  std::string name = file;
+  if (name[0] != '/') {
+    std::string cwd;
+    if (stat(file, &st) != 0) {
+      std::string program;
+      bool bare = name.find('/') == std::string::npos;
+      return bare && PlFindProgram(file, &program) ? program : std::string();
+    }
+    if (!PlGetCwd(&cwd)) return std::string();
+    name = cwd + "/" + name;
+  }
+  return stat(name.c_str(), &st) == 0 ? name : std::string();
+}
+
+static bool DesktopOpen(const char* file, const char* params, const char* dir, int /*showCmd*/) {
+  if (!file || !*file) return false;
+  std::string target = ResolveTarget(file);
+  struct stat st;
+  if (target.empty() || stat(target.c_str(), &st) != 0) return false;
   if (dir && !*dir) dir = nullptr;
-  if (S_ISREG(st.st_mode) && access(file, X_OK) == 0) {
-    std::string cmd = QuoteWord(file);
+  if (S_ISREG(st.st_mode) && access(target.c_str(), X_OK) == 0) {
+    std::string cmd = QuoteWord(target);
     if (params && *params) cmd += std::string(" ") + params;
     PlProc* p = Start(cmd, dir);
     if (!p) return false;
     Detach(p);
     return true;
   }
-  if (RunOpener("xdg-open", file, dir)) return true;
-  return RunOpener("gio open", file, dir);
+  if (RunOpener("xdg-open", target, dir)) return true;
+  return RunOpener("gio open", target, dir);
 }

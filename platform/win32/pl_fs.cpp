@@ -39,6 +39,7 @@ struct PlDir {
   WIN32_FIND_DATAA Data;
   bool Pending;
   bool Done;
+  std::string Path;  // for the status of an entry's target
 };
 
 PlDir* PlDirOpen(const char* path) {
@@ -47,6 +48,7 @@ PlDir* PlDirOpen(const char* path) {
   if (pattern.back() != '\\' && pattern.back() != '/') pattern += '\\';
   pattern += '*';
   PlDir* dir = new PlDir;
+  dir->Path = path;
   dir->Handle = FindFirstFileA(pattern.c_str(), &dir->Data);
   dir->Pending = dir->Handle != INVALID_HANDLE_VALUE;
   dir->Done = !dir->Pending;
@@ -146,24 +148,36 @@ bool PlMakePrivateTempDir(const char* prefix, std::string* out) {
   return false;
 }
 
-bool PlRealPath(const char* path, std::string* out) {
-  if (!path || !*path) return false;
-  HANDLE h = CreateFileA(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                         OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-  if (h == INVALID_HANDLE_VALUE) return false;
+// The path the system has for an open handle: the file that is really
+// open, links and junctions resolved.
+static bool HandlePath(HANDLE h, std::string* out) {
   std::vector<char> buf(MAX_PATH + 1);
   DWORD n = GetFinalPathNameByHandleA(h, buf.data(), (DWORD)buf.size(), FILE_NAME_NORMALIZED);
   if (n >= buf.size()) {
     buf.resize(n + 1);
     n = GetFinalPathNameByHandleA(h, buf.data(), (DWORD)buf.size(), FILE_NAME_NORMALIZED);
   }
-  CloseHandle(h);
   if (n == 0 || n >= buf.size()) return false;
   std::string full(buf.data(), n);
   // Drop the "\\?\" prefix of the extended form when it names a drive path.
   if (full.compare(0, 4, "\\\\?\\") == 0 && full.compare(4, 4, "UNC\\") != 0) full.erase(0, 4);
   *out = full;
   return true;
+}
+
+static HANDLE OpenForReading(const char* path) {
+  return CreateFileA(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                     OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+}
+
+bool PlRealPath(const char* path, std::string* out) {
+  if (!path || !*path) return false;
+  HANDLE h = CreateFileA(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                         OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  bool ok = HandlePath(h, out);
+  CloseHandle(h);
+  return ok;
 }
 
 bool PlProgramPath(std::string* out) {
@@ -178,4 +192,92 @@ bool PlProgramPath(std::string* out) {
     if (buf.size() > 32768) return false;
     buf.resize(buf.size() * 2);
   }
+}
+
+// ---------------------------------------------------------------- beneath
+
+struct PlRoot {
+  std::string Dir;   // as given, to join names onto
+  std::string Real;  // final path, to compare opened files with
+};
+
+PlRoot* PlRootOpen(const char* dir) {
+  std::string real;
+  if (!PlIsDir(dir) || !PlRealPath(dir, &real)) return nullptr;
+  return new PlRoot{dir, real};
+}
+
+void PlRootClose(PlRoot* root) { delete root; }
+
+static bool RealInside(const std::string& root, const std::string& path) {
+  std::string r = root;
+  while (r.size() > 3 && (r.back() == '\\' || r.back() == '/')) r.pop_back();
+  if (r.size() > path.size() || _strnicmp(r.c_str(), path.c_str(), r.size()) != 0) return false;
+  return path.size() == r.size() || path[r.size()] == '\\' || r.back() == '\\';
+}
+
+static long long FileTimeToUnix(const FILETIME& ft) {
+  unsigned long long t = ((unsigned long long)ft.dwHighDateTime << 32) | ft.dwLowDateTime;
+  return (long long)(t / 10000000ULL) - 11644473600LL;
+}
+
+// The check is made on the open handle: where the system says the opened
+// file lies, so a link swapped after the check can't change what is read.
+PlBeneathResult PlOpenBeneath(PlRoot* root, const char* rel, PlFile* out, PlStatInfo* info) {
+  *out = PL_NO_FILE;
+  if (!rel) return PL_BENEATH_MISSING;
+  std::string path = rel;
+  if (root) {
+    if (rel[0] == '/' || rel[0] == '\\' || strchr(rel, ':')) return PL_BENEATH_OUTSIDE;
+    path = root->Dir;
+    if (*rel && path.back() != '\\' && path.back() != '/') path += '\\';
+    path += rel;
+  }
+  for (char& c : path)
+    if (c == '/') c = '\\';
+  HANDLE h = OpenForReading(path.c_str());
+  if (h == INVALID_HANDLE_VALUE) return PL_BENEATH_MISSING;
+  std::string real;
+  if (root && (!HandlePath(h, &real) || !RealInside(root->Real, real))) {
+    CloseHandle(h);
+    return PL_BENEATH_OUTSIDE;
+  }
+  BY_HANDLE_FILE_INFORMATION fi;
+  if (!GetFileInformationByHandle(h, &fi) || GetFileType(h) != FILE_TYPE_DISK) {
+    CloseHandle(h);
+    return PL_BENEATH_MISSING;
+  }
+  if (info) {
+    info->Size = ((long long)fi.nFileSizeHigh << 32) | fi.nFileSizeLow;
+    info->MTime = FileTimeToUnix(fi.ftLastWriteTime);
+    info->IsDir = (fi.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  }
+  *out = (PlFile)(intptr_t)h;
+  return PL_BENEATH_OPEN;
+}
+
+int PlFileRead(PlFile f, void* buf, unsigned n) {
+  DWORD got = 0;
+  if (!ReadFile(reinterpret_cast<HANDLE>((intptr_t)f), buf, n, &got, nullptr)) return -1;
+  return (int)got;
+}
+
+void PlFileClose(PlFile f) {
+  if (f != PL_NO_FILE) CloseHandle(reinterpret_cast<HANDLE>((intptr_t)f));
+}
+
+// The search runs on the handle's final path: the directory that was
+// opened and checked, not what its name may lead to by now.
+PlDir* PlDirOpenHandle(PlFile dir) {
+  std::string path;
+  if (!HandlePath(reinterpret_cast<HANDLE>((intptr_t)dir), &path)) return nullptr;
+  return PlDirOpen(path.c_str());
+}
+
+bool PlDirEntryTargetStat(PlDir* dir, PlStatInfo* out) {
+  if (!dir || dir->Done || dir->Pending) return false;
+  std::string full = dir->Path;
+  if (full.back() != '\\' && full.back() != '/') full += '\\';
+  full += dir->Data.cFileName;
+  return PlStat(full.c_str(), out);
 }

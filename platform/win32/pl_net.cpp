@@ -24,10 +24,12 @@ void PlNetNoSigPipe() {}  // Windows has no SIGPIPE: a failed send just reports 
 
 // Replies are written in several small pieces (header, then body); without
 // this the second piece can wait for the peer's delayed acknowledgement.
-static void NoDelay(SOCKET s) {
+static bool NoDelay(SOCKET s) {
   BOOL on = TRUE;
-  setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
+  return setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on) == 0;
 }
+
+bool PlSockNoDelay(PlSocket s) { return NoDelay(static_cast<SOCKET>(s)); }
 
 PlSocket PlSockTcp() {
   // Not inheritable: child processes must never hold a connection open.
@@ -50,6 +52,9 @@ bool PlSockBind(PlSocket s, unsigned addrHostOrder, unsigned short port) {
 
 bool PlSockListen(PlSocket s, int backlog) { return listen(Sock(s), backlog) == 0; }
 
+// Winsock has no plain equivalent (only AcceptEx with a first buffer).
+bool PlSockDeferAccept(PlSocket, int) { return false; }
+
 static bool ListenerGone(int err) {
   return err == WSAENOTSOCK || err == WSAEINVAL || err == WSAEINTR || err == WSAEOPNOTSUPP ||
          err == WSANOTINITIALISED;
@@ -62,7 +67,6 @@ PlSocket PlSockAccept(PlSocket s, unsigned* remoteAddr, unsigned short* remotePo
     SOCKET c = accept(Sock(s), reinterpret_cast<sockaddr*>(&sa), &len);
     if (c != INVALID_SOCKET) {
       SetHandleInformation(reinterpret_cast<HANDLE>(c), HANDLE_FLAG_INHERIT, 0);
-      NoDelay(c);
       if (remoteAddr) *remoteAddr = sa.sin_addr.s_addr;
       if (remotePort) *remotePort = ntohs(sa.sin_port);
       return static_cast<PlSocket>(c);
@@ -178,6 +182,17 @@ PlSocket PlSockLocalConnect(const char*) { return PL_NO_SOCKET; }
 
 void PlSockCloseHandle(PlSocket s) {
   if (s != PL_NO_SOCKET) closesocket(Sock(s));
+}
+
+void PlSockCloseConnected(PlSocket s) { PlSockClose(s); }
+
+// Only what is already counted as arrived is taken; an end of input is left
+// to the waiting receive.
+int PlSockRecvNoWait(PlSocket s, void* buf, int n) {
+  u_long ready = 0;
+  if (n < 0 || ioctlsocket(Sock(s), FIONREAD, &ready) != 0) return -1;
+  if (ready == 0) return PL_SOCK_NOTHING_YET;
+  return PlSockRecv(s, buf, n);
 }
 
 bool PlResolveHost(const char* host, unsigned* addr) {

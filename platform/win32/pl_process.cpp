@@ -205,3 +205,14 @@ void PlProcessClose(PlProc* p) {
   if (p->Process) CloseHandle(p->Process);
   delete p;
 }
+
+bool PlFindProgram(const char* name, std::string* out) {
+  if (!name || !*name) return false;
+  std::vector<char> buf(MAX_PATH + 1);
+  DWORD n = SearchPathA(nullptr, name, ".exe", (DWORD)buf.size(), buf.data(), nullptr);
+  if (n == 0 || n >= buf.size()) return false;
+  DWORD attrs = GetFileAttributesA(buf.data());
+  if (attrs == INVALID_FILE_ATTRIBUTES || (attrs & FILE_ATTRIBUTE_DIRECTORY)) return false;
+  out->assign(buf.data(), n);
+  return true;
+}

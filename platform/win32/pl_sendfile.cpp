@@ -5,20 +5,22 @@
 #include <winsock2.h>
 
 // A plain copy loop: bounded memory, no extra library to bind.
-long long PlSendFile(PlSocket s, FILE* f) {
+long long PlSendFile(PlSocket s, PlFile f, long long len) {
   char buf[16384];
   long long sent = 0;
-  for (;;) {
-    size_t got = fread(buf, 1, sizeof buf, f);
-    if (got == 0) return sent;
-    size_t done = 0;
+  while (sent < len) {
+    unsigned want = len - sent < (long long)sizeof buf ? (unsigned)(len - sent) : (unsigned)sizeof buf;
+    int got = PlFileRead(f, buf, want);
+    if (got <= 0) return sent;
+    int done = 0;
     while (done < got) {
-      int n = send((SOCKET)s, buf + done, (int)(got - done), 0);
+      int n = send((SOCKET)s, buf + done, got - done, 0);
       if (n <= 0) return -1;
-      done += (size_t)n;
+      done += n;
     }
-    sent += (long long)got;
+    sent += got;
   }
+  return sent;
 }
 
 void PlSockShutdownBoth(PlSocket s) {
