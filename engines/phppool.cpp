@@ -53,7 +53,7 @@ PhpPool::PhpPool() {}
 
 PhpPool::~PhpPool() { Stop(); }
 
-bool PhpPool::Start(const char* cmdLine, int workers) {
+bool PhpPool::Start(const char* cmdLine, int workers, const CStrList* env) {
   if (Supervisor || workers < 1 || !cmdLine) return false;
   Failure.Empty();
   if (!PlMakePrivateTempDir("lumetta-php-", &SocketDir)) {
@@ -61,6 +61,11 @@ bool PhpPool::Start(const char* cmdLine, int workers) {
     return false;
   }
   CmdLine = cmdLine;
+  EnvBlock.clear();
+  for (const __cstr_list* n = env ? env->Beg : nullptr; n; n = n->Next) {
+    EnvBlock.append(n->Str.Str ? n->Str.Str : "", (size_t)n->Str.Len);
+    EnvBlock += '\0';
+  }
   Slots.assign((size_t)workers, Slot());
   Stopping = Failed = false;
   FailedStarts = 0;
@@ -200,9 +205,9 @@ PhpPool::Worker* PhpPool::StartWorker(int slotIndex, CStr* why) {
   }
   PlProcessStartInfo info;
   info.CmdLine = CmdLine.c_str();
-  // An empty environment: php-cgi passes its own variables on to every
-  // script, and a script must see only those of its request.
-  info.Env = "\0";
+  // Only the given variables: php-cgi passes its own on to every script,
+  // and a script must see only those of its request and the player's.
+  info.Env = EnvBlock.empty() ? "\0" : EnvBlock.c_str();
   info.StdIn = (PlFile)listener;
   // A FastCGI application writes nothing to its standard output; a program
   // that is not one would write its CGI reply there, into our own.

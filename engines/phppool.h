@@ -40,10 +40,12 @@ class PhpPool {
   PhpPool& operator=(const PhpPool&) = delete;
 
   // Starts `workers` interpreters from cmdLine (the program and its start-up
-  // options, Windows quoting) and checks that each speaks FastCGI. False,
+  // options, Windows quoting) and checks that each speaks FastCGI. env: the
+  // workers' whole environment ("NAME=value" entries, none when null); every
+  // script sees it beside its request's variables. False,
   // with nothing left running and FailureText() telling why, when the
   // program can't be started or does not answer as a FastCGI application.
-  bool Start(const char* cmdLine, int workers);
+  bool Start(const char* cmdLine, int workers, const CStrList* env = nullptr);
   // Ends every worker and waits for them; requests in flight end as lost.
   void Stop();
   // False also once the pool gave up replacing workers that can no longer
@@ -90,6 +92,7 @@ class PhpPool {
   PlThread* Supervisor = nullptr;
   std::vector<Slot> Slots;
   CStr CmdLine;
+  std::string EnvBlock;  // "A=1\0B=2\0" and the final NUL of c_str()
   std::string SocketDir;
   unsigned Sequence = 0;
   size_t NextSlot = 0;

@@ -62,7 +62,9 @@ class PhpPoolTest : public ::testing::Test {
              {"server.php", kServerDump}, {"query.php", kEchoQuery}, {"exit.php", kExit},
              {"killself.php", kKillSelf}, {"stderr.php", kStderr}, {"raw.php", kRawBody}})
       EnginesWriteFile(Dir / name, text);
-    ASSERT_TRUE(Pool.Start(cmd.c_str(), 2)) << Pool.FailureText().c_str();
+    CStrList options;
+    EnginesPhpOptions(options);
+    ASSERT_TRUE(Pool.Start(cmd.c_str(), 2, &options)) << Pool.FailureText().c_str();
   }
 
   void Env(CStrList& env, const std::string& script, const std::string& query = "") {
@@ -130,6 +132,9 @@ TEST_F(PhpPoolTest, QueryCannotActAsInterpreterOptions) {
 TEST_F(PhpPoolTest, ScriptSeesExactlyTheVariablesSentInOrder) {
   CStrList env;
   std::string lines;
+  CStrList options;  // the workers' own environment comes first
+  EnginesPhpOptions(options);
+  for (int i = 0; i < options.Count(); i++) lines += std::string(options[i]->c_str()) + "\n";
   std::string longValue(300, 'v');  // lengths past 127 take four bytes
   for (std::string entry : {"SCRIPT_FILENAME=" + Dir / "server.php", std::string("QUERY_STRING="),
                             std::string("HTTP_COOKIE=a=1; b=2"), std::string("REQUEST_METHOD=GET"),
@@ -147,6 +152,7 @@ TEST_F(PhpPoolTest, ScriptSeesExactlyTheVariablesSentInOrder) {
 // with them as its environment, and through a worker.
 TEST_F(PhpPoolTest, SameVariablesAsOneInterpreterPerRequest) {
   CStrList env;
+  EnginesPhpOptions(env);  // the workers have them in their own environment
   for (const char* entry : {"CONTENT_LENGTH=3", "CONTENT_TYPE=text/plain", "QUERY_STRING=a=1&b", "GATEWAY_INTERFACE=CGI/1.1",
                             "HTTP_COOKIE=k=v", "HTTPS=", "PATH_INFO=", "PATH_TRANSLATED=", "REQUEST_METHOD=POST",
                             "REQUEST_URI=/server.php", "SERVER_PORT=8080", "HTTP_X_EXTRA=1"})
