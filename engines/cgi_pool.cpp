@@ -63,6 +63,7 @@ void CgiUsePool(const __https_obj* handler, PhpPool* pool) {
 }
 
 bool CgiStartPool(PhpPool& pool, const __https_obj* handler, int workers) {
+  if (!handler) return false;
   // The workers get no script on their command line: each request names
   // its own through SCRIPT_FILENAME.
   CStr cmd("\"");

@@ -210,6 +210,8 @@ TEST_P(CgiTest, QueryWithoutEqualsNeverBecomesOptions) {
     EXPECT_FALSE(php.Has("SECRET-SOURCE-MARKER") || php.Has("include-on")) << php.Raw;
   }
   EXPECT_EQ(Get("/source.php?x=-s").Body, "ran:x=-s:include-off");
+  // The player's own settings hold whatever the query: the script runs.
+  for (const char* q : {"-s", "-n", "-s+-n"}) EXPECT_EQ(Get(std::string("/source.php?") + q).Body, std::string("ran:") + q + ":include-off");
 }
 
 TEST_P(CgiTest, ScriptsOutsideTheHomeDirectoryNeverRun) {
@@ -227,4 +229,49 @@ TEST_P(CgiTest, ScriptsOutsideTheHomeDirectoryNeverRun) {
     EXPECT_FALSE(EnginesPost(Srv->GetPort(), target, "application/x-www-form-urlencoded", "a=1").Has("OUTSIDE-RAN"));
   }
   EXPECT_EQ(Get("/sub/../hello.php").Body, "Hello nobody\n");  // staying inside is fine
+}
+
+// A script that ends itself, or whose interpreter dies mid-page: the client
+// gets what was written, and the next request is served as usual.
+TEST_P(CgiTest, ScriptsThatExitOrKillTheirInterpreter) {
+  EnginesWriteFile(Home + "/exit.php", "<?php echo 'before'; exit(3); echo 'after';");
+  EnginesWriteFile(Home + "/crash.php",
+                   "<?php while (ob_get_level()) ob_end_flush(); echo 'dying'; flush(); posix_kill(getmypid(), 9);");
+  for (int round = 0; round < 3; round++) {
+    EXPECT_EQ(Get("/exit.php").Body, "before");
+    EnginesReply crashed = Get("/crash.php");
+    EXPECT_EQ(crashed.StatusLine, "HTTP/1.1 200 OK");
+    EXPECT_EQ(crashed.Body, "dying");
+    EXPECT_EQ(Get("/hello.php?name=x").Body, "Hello x\n");
+  }
+}
+
+// Fifty clients at once share the two workers and each gets its own reply.
+TEST_P(CgiTest, FiftyConcurrentRequestsOnTwoWorkers) {
+  if (!Pooled()) GTEST_SKIP() << "workers only";
+  EnginesWriteFile(Home + "/pid.php", "<?php echo $_GET['id'], ':', getmypid();");
+  std::vector<std::thread> threads;
+  std::vector<std::string> bodies(50);
+  for (int i = 0; i < 50; i++)
+    threads.emplace_back([this, i, &bodies] { bodies[i] = Get("/pid.php?id=" + std::to_string(i)).Body; });
+  for (auto& t : threads) t.join();
+  std::vector<std::string> pids;
+  for (int i = 0; i < 50; i++) {
+    std::string prefix = std::to_string(i) + ":";
+    ASSERT_EQ(bodies[i].rfind(prefix, 0), 0u) << bodies[i];
+    pids.push_back(bodies[i].substr(prefix.size()));
+  }
+  std::sort(pids.begin(), pids.end());
+  EXPECT_EQ(std::unique(pids.begin(), pids.end()) - pids.begin(), 2);
+}
+
+TEST_P(CgiTest, NoInterpreterLeftOnceTheServerStops) {
+  if (!Pooled()) GTEST_SKIP() << "workers only";
+  ASSERT_EQ(Get("/hello.php?name=x").Body, "Hello x\n");
+  std::vector<long long> pids = Pool.WorkerPids();
+  ASSERT_EQ(pids.size(), 2u);
+  Srv.reset();
+  CgiUsePool(nullptr, nullptr);
+  Pool.Stop();
+  for (long long pid : pids) EXPECT_FALSE(EnginesProcessAlive(pid)) << pid;
 }

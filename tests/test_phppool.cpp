@@ -31,14 +31,6 @@ const char kKillSelf[] = "<?php while (ob_get_level()) ob_end_flush(); echo 'dyi
 const char kStderr[] = "<?php error_log(\"first\\nsecond\"); echo 'ok';";
 const char kRawBody[] = "<?php echo file_get_contents('php://input');";
 
-bool ProcessAlive(long long pid) {
-  // A zombie still has its /proc entry; its state letter tells.
-  std::string stat = EnginesReadFile("/proc/" + std::to_string(pid) + "/stat");
-  if (stat.empty()) return false;
-  size_t close = stat.rfind(')');
-  return close == std::string::npos || stat.compare(close + 2, 1, "Z") != 0;
-}
-
 struct PhpRun {
   std::string Out;
   std::vector<std::string> Errors;
@@ -228,7 +220,7 @@ TEST_F(PhpPoolTest, IdleWorkerKilledFromOutsideIsReplaced) {
   // live one, or wait for the replacement.
   for (long long pid : Pool.WorkerPids()) kill((pid_t)pid, SIGKILL);
   for (long long pid : Pool.WorkerPids())
-    while (ProcessAlive(pid)) PlSleepMs(5);
+    while (EnginesProcessAlive(pid)) PlSleepMs(5);
   for (int i = 0; i < 5; i++) EXPECT_EQ(Get("query.php", "n=1").Result, PHP_RUN_DONE) << i;
 }
 
@@ -246,7 +238,7 @@ TEST_F(PhpPoolTest, ScriptPastTheTimeOutIsStopped) {
   EXPECT_EQ(Get("query.php", "n=2").Result, PHP_RUN_DONE);
   auto alive = [&] {
     int n = 0;
-    for (long long pid : before) n += ProcessAlive(pid);
+    for (long long pid : before) n += EnginesProcessAlive(pid);
     return n;
   };
   uint64_t deadline = PlMonotonicMs() + 3000;
@@ -277,9 +269,9 @@ TEST_F(PhpPoolTest, WorkersAreRecycledBeforePhpEndsThemItself) {
 TEST_F(PhpPoolTest, StopLeavesNoWorker) {
   std::vector<long long> pids = Pool.WorkerPids();
   ASSERT_EQ(pids.size(), 2u);
-  for (long long pid : pids) EXPECT_TRUE(ProcessAlive(pid));
+  for (long long pid : pids) EXPECT_TRUE(EnginesProcessAlive(pid));
   Pool.Stop();
-  for (long long pid : pids) EXPECT_FALSE(ProcessAlive(pid)) << pid;
+  for (long long pid : pids) EXPECT_FALSE(EnginesProcessAlive(pid)) << pid;
   EXPECT_FALSE(Pool.IsRunning());
   EXPECT_EQ(Get("query.php").Result, PHP_RUN_NO_WORKER);
 }
@@ -313,7 +305,7 @@ TEST_F(PhpPoolTest, NoWorkerOutlivesAKilledPlayer) {
   bool anyAlive = true;
   while (anyAlive && PlMonotonicMs() < deadline) {
     anyAlive = false;
-    for (long long pid : pids) anyAlive = anyAlive || ProcessAlive(pid);
+    for (long long pid : pids) anyAlive = anyAlive || EnginesProcessAlive(pid);
     if (anyAlive) PlSleepMs(20);
   }
   EXPECT_FALSE(anyAlive);

@@ -40,6 +40,14 @@ std::string EnginesReadFile(const std::string& path) {
   return out.str();
 }
 
+bool EnginesProcessAlive(long long pid) {
+  // A zombie still has its /proc entry; its state letter tells.
+  std::string stat = EnginesReadFile("/proc/" + std::to_string(pid) + "/stat");
+  if (stat.empty()) return false;
+  size_t close = stat.rfind(')');
+  return close == std::string::npos || stat.compare(close + 2, 1, "Z") != 0;
+}
+
 void EnginesWriteFile(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary) << data;
 }

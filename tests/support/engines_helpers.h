@@ -18,6 +18,8 @@ std::string EnginesPoolHelperPath();  // tests/helpers/pool_helper
 std::string EnginesPhpCommandLine();
 // Appends the variables that give that interpreter the player's settings.
 void EnginesPhpOptions(CStrList& env);
+// True while the process runs (a zombie counts as ended). Linux only.
+bool EnginesProcessAlive(long long pid);
 std::string EnginesReadFile(const std::string& path);
 void EnginesWriteFile(const std::string& path, const std::string& data);
 
