@@ -57,7 +57,11 @@ demo)
   grep -q "$want" <<< "$page" || fail "upload content"
   curl -fsS "${KEY[@]}" "$URL/notes.php" | grep -q 'href="/run.ebd?file=[^"]*notes.txt' \
     || fail "run wrapper link"
+  # PHP ran on the default two workers, and they end with the server.
+  workers=$(pgrep -P "$SERVE_PID" -d ' ' php-cgi || true)
+  [[ $(wc -w <<< "$workers") == 2 ]] || fail "PHP workers: '$workers'"
   stop_serve TERM
+  for p in $workers; do ! kill -0 "$p" 2>/dev/null || fail "php-cgi $p outlived the server"; done
   port_listening "$PORT" && fail "port still open after SIGTERM"
   ;;
 port-search)
