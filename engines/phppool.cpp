@@ -8,12 +8,13 @@
 
 namespace {
 
-// php-cgi leaves after this many requests unless PHP_FCGI_MAX_REQUESTS says
-// otherwise. We do not set that variable: php-cgi shows its own environment
-// to every script, and scripts must see exactly the request's variables.
-// Instead a warm successor is started near the end and takes over early.
-const int kOwnRequestLimit = 500;
-const int kStartSpareAt = 400;
+// php-cgi leaves after 500 requests unless PHP_FCGI_MAX_REQUESTS says
+// otherwise, and each worker has an opcode cache of its own: a successor
+// starts cold, and for a large application its first pages are slow. So
+// the workers are told a limit above the pool's own, and the pool retires
+// a worker itself (bounding what a leaking script can hold), starting a
+// warm successor shortly before.
+const int kPhpOwnLimitMargin = 100;
 const int kFailedStartsToGiveUp = 3;
 const unsigned kTickMs = 100;  // slice of a request's wait for a free worker
 // The supervisor is woken for every change a request notices; the tick
@@ -66,6 +67,8 @@ bool PhpPool::Start(const char* cmdLine, int workers, const CStrList* env) {
     EnvBlock.append(n->Str.Str ? n->Str.Str : "", (size_t)n->Str.Len);
     EnvBlock += '\0';
   }
+  EnvBlock += "PHP_FCGI_MAX_REQUESTS=" + std::to_string(RequestsPerWorker + kPhpOwnLimitMargin);
+  EnvBlock += '\0';
   Slots.assign((size_t)workers, Slot());
   Stopping = Failed = false;
   FailedStarts = 0;
@@ -154,7 +157,7 @@ void PhpPool::SwapInSpares(std::vector<Worker*>& retired) {
     }
     if (s.Busy || !s.Current) continue;
     bool gone = s.Broken || PlProcessWait(s.Current->Proc, 0) != PL_PROC_RUNNING;
-    bool due = s.Spare && s.Current->Served >= kStartSpareAt;
+    bool due = s.Spare && s.Current->Served >= SpareAt();
     if (!gone && !due) continue;
     retired.push_back(s.Current);
     s.Current = s.Spare;
@@ -170,7 +173,7 @@ void PhpPool::StartMissingWorkers(bool firstRound) {
       PlLock g(Lock);
       if (Stopping || Failed) return;
       Slot& s = Slots[i];
-      bool needSpare = s.Current && !s.Spare && s.Current->Served >= kStartSpareAt;
+      bool needSpare = s.Current && !s.Spare && s.Current->Served >= SpareAt();
       if (s.Current && !needSpare) continue;
     }
     CStr why;
@@ -317,10 +320,10 @@ int PhpPool::Acquire(unsigned timeoutMs) {
     for (size_t k = 0; k < Slots.size(); k++) {
       size_t i = (NextSlot + k) % Slots.size();
       Slot& s = Slots[i];
-      if (s.Busy || s.Broken || !s.Current || s.Current->Served >= kOwnRequestLimit) continue;
+      if (s.Busy || s.Broken || !s.Current || s.Current->Served >= RequestsPerWorker) continue;
       NextSlot = i + 1;
       s.Busy = true;
-      if (++s.Current->Served >= kStartSpareAt && !s.Spare) Wake.Set();
+      if (++s.Current->Served >= SpareAt() && !s.Spare) Wake.Set();
       Lock.Unlock();
       return (int)i;
     }

@@ -59,6 +59,10 @@ class PhpPool {
   unsigned TimeOutSec = 600;
   // Seconds a new worker gets to answer its first FastCGI exchange.
   unsigned ProbeTimeOutSec = 5;
+  // Requests a worker serves before it is replaced (set before Start). The
+  // workers' environment carries PHP_FCGI_MAX_REQUESTS above it, so scripts
+  // on a worker see that one variable more than over CGI.
+  int RequestsPerWorker = 10000;
 
   // Process ids of the live workers, for tests and diagnostics.
   std::vector<long long> WorkerPids();
@@ -82,6 +86,7 @@ class PhpPool {
   void EndWorker(Worker* w);
   void EndAllWorkers();
 
+  int SpareAt() const { return RequestsPerWorker - RequestsPerWorker / 5; }
   int Acquire(unsigned timeoutMs);  // a slot index, -1 when none
   void Release(int slot, bool broken);
 
