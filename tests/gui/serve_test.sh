@@ -109,6 +109,24 @@ key-php)
   [[ -e $WORK/pwned ]] && fail "a foreign page started a program"
   stop_serve TERM
   ;;
+workers-off)
+  # PHP_WORKERS=0: no interpreter waits between requests; each page still
+  # runs, the query's look-alike options included.
+  command -v php-cgi >/dev/null || skip "php-cgi missing"
+  PORT=$(free_port)
+  mkdir -p "$WORK/site"
+  echo '<?php echo "ran:", $_SERVER["QUERY_STRING"];' > "$WORK/site/q.php"
+  write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "PHP=1" "PHP_WORKERS=0"
+  start_serve "$WORK/out" /INI "$WORK/a.ini"
+  open_key
+  URL="http://localhost:$PORT"
+  for q in x=1 -s -n; do
+    seen=$(curl -fsS "${KEY[@]}" "$URL/q.php?$q")
+    [[ $seen == "ran:$q" ]] || fail "q.php?$q gave '$seen'"
+  done
+  [[ -z $(pgrep -P "$SERVE_PID" php-cgi) ]] || fail "php-cgi left running with PHP_WORKERS=0"
+  stop_serve TERM
+  ;;
 options)
   "$SERVE" /INI "$WORK/missing.ini" > "$WORK/o" 2> "$WORK/e"; rc=$?
   [[ $rc == 0 ]] || fail "exit code $rc for a missing settings file"
