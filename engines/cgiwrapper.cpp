@@ -22,6 +22,7 @@ const int kChunk = 4096;
 // Only when no settings file can be written: these options are lost for a
 // query that looks like options (see php_options.h).
 const char kPhpFallbackOptions[] = "-d cgi.force_redirect=0 -d cgi.fix_pathinfo=1";
+const char kSystemPhpFallbackLimits[] = " -d post_max_size=64M -d upload_max_filesize=64M";
 
 // The interpreter's standard output, read from its pipe.
 class PipeOutput : public CgiOutput {
@@ -209,5 +210,6 @@ bool FindPhpInterpreter(const CStr& progDir, CStr& path, CStr& args) {
     args.CatChar(' ');
   }
   args.Cat(kPhpFallbackOptions);
+  if (!found) args.Cat(kSystemPhpFallbackLimits);
   return true;
 }

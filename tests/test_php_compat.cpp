@@ -308,3 +308,26 @@ TEST_F(PhpStandIn, WorkersThatCanNoLongerStartFallBackWithOneLogLine) {
   EXPECT_TRUE(S->WaitLog("PHP workers unavailable"));
   EXPECT_EQ(Count("PHP workers unavailable"), 1u) << S->LogText();
 }
+
+// An interpreter shipped below the program's folder keeps its own php.ini,
+// and neither that nor the player's settings can be switched off by a
+// query that looks like options.
+TEST(PhpBundled, OwnIniHoldsWhateverTheQuery) {
+  CStr systemPhp, args;
+  if (!FindPhpInterpreter(CStr("/nonexistent"), systemPhp, args)) GTEST_SKIP() << "php-cgi is not installed";
+  ScratchDir dir;
+  dir.Write("prog/Php5/php.ini", "memory_limit=77M\n");
+  fs::create_symlink(systemPhp.c_str(), dir.Path() + "/prog/Php5/php-cgi");
+  dir.Write("home/m.php", "<?php echo ini_get('memory_limit'), ':', $_SERVER['QUERY_STRING'];");
+  CStr php;
+  ASSERT_TRUE(FindPhpInterpreter(CStr((dir.Path() + "/prog").c_str()), php, args));
+  EXPECT_EQ(std::string(php.c_str()), dir.Path() + "/prog/Php5/php-cgi");
+  EXPECT_TRUE(args.IsEmpty()) << args.c_str();
+  TestServer s(dir.Path() + "/home");
+  s.Srv().OnCgi = CgiWrapper;
+  s.Srv().Vadd("php", php.Str, args.Str, 8, 1);
+  s.Start();
+  for (std::string q : {"a=1", "-n", "-s", "-c+/dev/null"})
+    EXPECT_EQ(ParseReply(Exchange(s.Port(), "GET /m.php?" + q + " HTTP/1.1\r\nHost: localhost\r\n\r\n")).Body,
+              "77M:" + q);
+}
