@@ -275,3 +275,17 @@ TEST_P(CgiTest, NoInterpreterLeftOnceTheServerStops) {
   Pool.Stop();
   for (long long pid : pids) EXPECT_FALSE(EnginesProcessAlive(pid)) << pid;
 }
+
+// Redirects as PHP makes them: a Location alone, or with a status of its own.
+TEST_P(CgiTest, RedirectsFromScripts) {
+  EnginesWriteFile(Home + "/go.php",
+                   "<?php if (isset($_GET['perm'])) header('Location: /moved', true, 301);"
+                   " else header('Location: /next?a=1'); echo 'away';");
+  EnginesReply r = Get("/go.php");
+  EXPECT_EQ(r.StatusLine, "HTTP/1.1 302 Found");
+  EXPECT_TRUE(r.Has("\r\nLocation: /next?a=1\r\n")) << r.Raw;
+  r = Get("/go.php?perm=1");
+  EXPECT_EQ(r.StatusLine, "HTTP/1.1 301 Moved Permanently");
+  EXPECT_TRUE(r.Has("\r\nLocation: /moved\r\n")) << r.Raw;
+  EXPECT_EQ(r.Body, "away");
+}
