@@ -16,7 +16,8 @@ struct PoolChoice {
   PlMutex Lock;
   const __https_obj* Handler = nullptr;
   PhpPool* Pool = nullptr;
-  std::atomic<bool> FallbackLogged{false};
+  std::atomic<bool> BusyLogged{false};  // each said once
+  std::atomic<bool> GoneLogged{false};
 };
 
 PoolChoice& Choice() {
@@ -47,9 +48,14 @@ void ToErrorLog(void* log, const char* line, int len) {
 }
 
 void LogFallbackOnce(CHttpServer* server, HTTPS_CLIENT* client, PhpPool& pool) {
-  if (Choice().FallbackLogged.exchange(true)) return;
-  server->PrintLog(client->Ip, "CGI PHP workers unavailable (%s); one interpreter per request from now",
-                   pool.FailureText().IsEmpty() ? "all busy or failing" : pool.FailureText().c_str());
+  PoolChoice& c = Choice();
+  if (pool.IsRunning()) {
+    if (!c.BusyLogged.exchange(true))
+      server->PrintLog(client->Ip, "CGI PHP workers all busy; such requests run an interpreter of their own");
+  } else if (!c.GoneLogged.exchange(true)) {
+    server->PrintLog(client->Ip, "CGI PHP workers unavailable (%s); one interpreter per request from now",
+                     pool.FailureText().c_str());
+  }
 }
 
 }  // namespace
@@ -59,7 +65,8 @@ void CgiUsePool(const __https_obj* handler, PhpPool* pool) {
   PlLock g(c.Lock);
   c.Handler = pool ? handler : nullptr;
   c.Pool = handler ? pool : nullptr;
-  c.FallbackLogged = false;
+  c.BusyLogged = false;
+  c.GoneLogged = false;
 }
 
 bool CgiStartPool(PhpPool& pool, const __https_obj* handler, int workers) {

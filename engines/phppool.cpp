@@ -184,8 +184,8 @@ void PhpPool::StartMissingWorkers(bool firstRound) {
       // fall back to one interpreter per request.
       if (firstRound || ++FailedStarts >= kFailedStartsToGiveUp) {
         Failed = true;
+        Failure = why;  // before Running: a caller that sees the pool stopped may read it
         Running = false;
-        Failure = why;
         SlotFreed.Set();
       }
       continue;
@@ -389,7 +389,7 @@ bool PhpRequest::Send(const CStrList& env, const void* body, size_t bodyLen) {
 // marked for replacement and the next one is tried.
 bool PhpRequest::Connect() {
   for (int attempt = 0; attempt <= Pool.WorkerCount() + 1; attempt++) {
-    SlotIndex = Pool.Acquire(MsLeft(Deadline));
+    SlotIndex = Pool.Acquire(Smaller(MsLeft(Deadline), Pool.WaitForWorkerMs));
     if (SlotIndex < 0) return false;
     std::string path;
     {

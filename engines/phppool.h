@@ -57,6 +57,11 @@ class PhpPool {
   // Seconds a request may take, counted from Send (a wait for a free
   // worker included), before its worker is ended.
   unsigned TimeOutSec = 600;
+  // Milliseconds a request waits for a worker while all are busy before
+  // Send gives up (PHP_RUN_NO_WORKER) and the caller runs the script another
+  // way: scripts that run long (long polling, big imports) must not hold up
+  // every other page.
+  unsigned WaitForWorkerMs = 1000;
   // Seconds a new worker gets to answer its first FastCGI exchange.
   unsigned ProbeTimeOutSec = 5;
   // Requests a worker serves before it is replaced (set before Start). The

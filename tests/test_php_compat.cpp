@@ -5,10 +5,13 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "cgi_pool.h"
 #include "cgiwrapper.h"
@@ -232,6 +235,33 @@ TEST_P(PhpCompat, PathInfoNeedsARealScript) {
       EXPECT_EQ(r.Body, c.body) << c.target;
     }
   }
+}
+
+// Two long scripts take both workers: another page does not wait for them
+// but runs in an interpreter of its own, and the log says so once.
+TEST_P(PhpCompat, BusyWorkersLeaveOtherPagesToTheirOwnInterpreter) {
+  if (GetParam() == 0) GTEST_SKIP() << "workers only";
+  Home.Write("slow.php", "<?php sleep(2); echo 'slow';");
+  Home.Write("pid.php", "<?php echo getmypid();");
+  std::vector<long long> workers = Pool.WorkerPids();
+  Pool.WaitForWorkerMs = 200;  // read only by request threads started later
+  std::vector<std::thread> slow;
+  std::vector<std::string> slowBodies(2);
+  for (int i = 0; i < 2; i++) slow.emplace_back([&, i] { slowBodies[i] = Ask(Request("GET", "/slow.php")).Body; });
+  PlSleepMs(500);
+  for (int i = 0; i < 2; i++) {
+    uint64_t start = PlMonotonicMs();
+    std::string pid = Ask(Request("GET", "/pid.php")).Body;
+    EXPECT_LT(PlMonotonicMs() - start, 1500u);
+    ASSERT_FALSE(pid.empty());
+    EXPECT_EQ(std::count(workers.begin(), workers.end(), std::stoll(pid)), 0) << pid;
+  }
+  for (auto& t : slow) t.join();
+  EXPECT_EQ(slowBodies, std::vector<std::string>(2, "slow"));
+  EXPECT_TRUE(S->WaitLog("CGI PHP workers all busy"));
+  std::string log = S->LogText();
+  size_t first = log.find("workers all busy");
+  EXPECT_EQ(log.find("workers all busy", first + 1), std::string::npos) << log;
 }
 
 // ---------------------------------------------------------------- workers that can't be had
