@@ -109,15 +109,18 @@ void SendAll(CSocket* sock, const char* buf, size_t len) {
   }
 }
 
-void SendStatusAndServerLines(CHttpServer* server, CSocket* sock, const CStr& status) {
-  CStr head("HTTP/1.1 ");
-  head.Cat(status);
-  head.Cat("\r\nServer: ");
-  head.Cat(server->ServerName);
-  head.Cat("\r\nDate: ");
-  head.Cat(CHttpServer::Time(nullptr));
-  head.Cat("\r\n");
-  sock->Puts(head);
+// The status line and the server's own lines, then the first of the
+// interpreter's output: one write, so that a small page leaves in one piece.
+void SendStatusAndServerLines(CHttpServer* server, CSocket* sock, const CStr& status, const char* first, size_t len) {
+  std::string head = "HTTP/1.1 ";
+  head.append(status.c_str(), (size_t)status.Len);
+  head += "\r\nServer: ";
+  head.append(server->ServerName.c_str(), (size_t)server->ServerName.Len);
+  head += "\r\nDate: ";
+  head += CHttpServer::Time(nullptr);
+  head += "\r\n";
+  head.append(first, len);
+  SendAll(sock, head.data(), head.size());
 }
 
 // A "Status:" first line, read the way the gateway always has: the text
@@ -262,9 +265,8 @@ void CgiSendReply(CHttpServer* server, HTTPS_CLIENT* client, CgiOutput& out) {
   size_t rest = ReadLeadingStatus(data, status);
   bool headOnly = client->Method == CHttpServer::HTTPS_MET_HEAD && headEnd != kNone;
   if (rest == 0 && headEnd != kNone) TakeStatusFromHead(data, headEnd, status);
-  SendStatusAndServerLines(server, sock, status);
   size_t sendEnd = headOnly ? headEnd : data.size();
-  if (rest < sendEnd) SendAll(sock, data.data() + rest, sendEnd - rest);
+  SendStatusAndServerLines(server, sock, status, data.data() + rest, rest < sendEnd ? sendEnd - rest : 0);
 
   char buf[kChunk];
   int n;

@@ -5,10 +5,12 @@
 #include <cstring>
 #include <string>
 
+#include "cgi_pool.h"
 #include "cgi_reply.h"
 #include "chttpserver.h"
 #include "cpipestream.h"
 #include "pl_fs.h"
+#include "php_options.h"
 #include "pl_process.h"
 #include "pl_thread.h"
 
@@ -18,13 +20,10 @@ namespace {
 
 const int kChunk = 4096;
 
-// Options every php-cgi run gets. The player talks to the interpreter
-// directly, not through a redirecting web server, so the REDIRECT_STATUS
-// guard is switched off here rather than by faking the variable; and the
-// script is found through SCRIPT_FILENAME, which needs fix_pathinfo on (off,
-// php-cgi would read the empty PATH_TRANSLATED and find nothing).
-const char kPhpOptions[] = "-d cgi.force_redirect=0 -d cgi.fix_pathinfo=1";
-const char kSystemPhpLimits[] = " -d post_max_size=64M -d upload_max_filesize=64M";
+// Only when no settings file can be written: these options are lost for a
+// query that looks like options (see php_options.h).
+const char kPhpFallbackOptions[] = "-d cgi.force_redirect=0 -d cgi.fix_pathinfo=1";
+const char kSystemPhpFallbackLimits[] = " -d post_max_size=64M -d upload_max_filesize=64M";
 
 // The interpreter's standard output, read from its pipe.
 class PipeOutput : public CgiOutput {
@@ -89,8 +88,11 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
   }
 
   CStrList env;
+  PhpAddOptionsEnvironment(obj->Path, env);
   CgiBuildEnvironment(server, client, script, env);
   CStr cmd = CommandLine(obj, script);
+  CgiPoolRun pooled = CgiRunOnPool(obj, client, env, cmd);
+  if (pooled != CGI_POOL_NOT_USED) return pooled == CGI_POOL_DONE;
   CStr dir = script;
   dir.FilePath();
 
@@ -158,26 +160,25 @@ bool FindPhpInterpreter(const CStr& progDir, CStr& path, CStr& args) {
   base.NativePath();
   CStr ini = base;
   ini.Cat("php.ini");
+  bool found = false;
   for (const char* exe : {"php-cgi", "php-cgi.exe"}) {
     CStr bundled = base;
     bundled.Cat(exe);
     if (!bundled.FileExist()) continue;
     path = bundled;
-    args.Empty();
-    if (ini.FileExist()) {
-      args = "-c ";
-      args.Cat(Quoted(ini));
-      args.CatChar(' ');
-    }
-    args.Cat(kPhpOptions);
-    return true;
+    found = true;
+    break;
   }
-  CStr system;
-  if (!FindOnPath("php-cgi", system) && !FindOnPath("php-cgi.exe", system)) return false;
-  path = system;
-  args = kPhpOptions;
-  // The system's own php.ini caps uploads far below what the player
-  // accepts; a bundled php.ini is the application author's to decide.
-  args.Cat(kSystemPhpLimits);
+  if (!found && !FindOnPath("php-cgi", path) && !FindOnPath("php-cgi.exe", path)) return false;
+  args.Empty();
+  if (!found || !ini.FileExist()) ini.Empty();
+  if (PhpRegisterOptions(path, ini)) return true;
+  if (!ini.IsEmpty()) {
+    args = "-c ";
+    args.Cat(Quoted(ini));
+    args.CatChar(' ');
+  }
+  args.Cat(kPhpFallbackOptions);
+  if (!found) args.Cat(kSystemPhpFallbackLimits);
   return true;
 }

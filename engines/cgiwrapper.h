@@ -18,8 +18,10 @@ bool CgiWrapper(void* obj, void* client);
 // ".php": the one shipped below progDir ("Php5/php-cgi" with its php.ini)
 // when present, else php-cgi found on PATH. False when there is none. Both
 // are ready for Vadd("php", path, args, 8, 1): path is the bare file, args
-// quoted with any '%' doubled (the gateway formats it). The script reaches
-// php-cgi through SCRIPT_FILENAME only.
+// quoted with any '%' doubled (the gateway formats it), and empty once the
+// player's PHP settings file is written (php_options.h), which the gateway
+// then names in the interpreter's environment. The script reaches php-cgi
+// through SCRIPT_FILENAME only.
 bool FindPhpInterpreter(const CStr& progDir, CStr& path, CStr& args);
 
 #endif

@@ -8,12 +8,13 @@
 
 namespace {
 
-// php-cgi leaves after this many requests unless PHP_FCGI_MAX_REQUESTS says
-// otherwise. We do not set that variable: php-cgi shows its own environment
-// to every script, and scripts must see exactly the request's variables.
-// Instead a warm successor is started near the end and takes over early.
-const int kOwnRequestLimit = 500;
-const int kStartSpareAt = 400;
+// php-cgi leaves after 500 requests unless PHP_FCGI_MAX_REQUESTS says
+// otherwise, and each worker has an opcode cache of its own: a successor
+// starts cold, and for a large application its first pages are slow. So
+// the workers are told a limit above the pool's own, and the pool retires
+// a worker itself (bounding what a leaking script can hold), starting a
+// warm successor shortly before.
+const int kPhpOwnLimitMargin = 100;
 const int kFailedStartsToGiveUp = 3;
 const unsigned kTickMs = 100;  // slice of a request's wait for a free worker
 // The supervisor is woken for every change a request notices; the tick
@@ -53,7 +54,7 @@ PhpPool::PhpPool() {}
 
 PhpPool::~PhpPool() { Stop(); }
 
-bool PhpPool::Start(const char* cmdLine, int workers) {
+bool PhpPool::Start(const char* cmdLine, int workers, const CStrList* env) {
   if (Supervisor || workers < 1 || !cmdLine) return false;
   Failure.Empty();
   if (!PlMakePrivateTempDir("lumetta-php-", &SocketDir)) {
@@ -61,6 +62,13 @@ bool PhpPool::Start(const char* cmdLine, int workers) {
     return false;
   }
   CmdLine = cmdLine;
+  EnvBlock.clear();
+  for (const __cstr_list* n = env ? env->Beg : nullptr; n; n = n->Next) {
+    EnvBlock.append(n->Str.Str ? n->Str.Str : "", (size_t)n->Str.Len);
+    EnvBlock += '\0';
+  }
+  EnvBlock += "PHP_FCGI_MAX_REQUESTS=" + std::to_string(RequestsPerWorker + kPhpOwnLimitMargin);
+  EnvBlock += '\0';
   Slots.assign((size_t)workers, Slot());
   Stopping = Failed = false;
   FailedStarts = 0;
@@ -149,7 +157,7 @@ void PhpPool::SwapInSpares(std::vector<Worker*>& retired) {
     }
     if (s.Busy || !s.Current) continue;
     bool gone = s.Broken || PlProcessWait(s.Current->Proc, 0) != PL_PROC_RUNNING;
-    bool due = s.Spare && s.Current->Served >= kStartSpareAt;
+    bool due = s.Spare && s.Current->Served >= SpareAt();
     if (!gone && !due) continue;
     retired.push_back(s.Current);
     s.Current = s.Spare;
@@ -165,7 +173,7 @@ void PhpPool::StartMissingWorkers(bool firstRound) {
       PlLock g(Lock);
       if (Stopping || Failed) return;
       Slot& s = Slots[i];
-      bool needSpare = s.Current && !s.Spare && s.Current->Served >= kStartSpareAt;
+      bool needSpare = s.Current && !s.Spare && s.Current->Served >= SpareAt();
       if (s.Current && !needSpare) continue;
     }
     CStr why;
@@ -176,8 +184,8 @@ void PhpPool::StartMissingWorkers(bool firstRound) {
       // fall back to one interpreter per request.
       if (firstRound || ++FailedStarts >= kFailedStartsToGiveUp) {
         Failed = true;
+        Failure = why;  // before Running: a caller that sees the pool stopped may read it
         Running = false;
-        Failure = why;
         SlotFreed.Set();
       }
       continue;
@@ -200,9 +208,9 @@ PhpPool::Worker* PhpPool::StartWorker(int slotIndex, CStr* why) {
   }
   PlProcessStartInfo info;
   info.CmdLine = CmdLine.c_str();
-  // An empty environment: php-cgi passes its own variables on to every
-  // script, and a script must see only those of its request.
-  info.Env = "\0";
+  // Only the given variables: php-cgi passes its own on to every script,
+  // and a script must see only those of its request and the player's.
+  info.Env = EnvBlock.empty() ? "\0" : EnvBlock.c_str();
   info.StdIn = (PlFile)listener;
   // A FastCGI application writes nothing to its standard output; a program
   // that is not one would write its CGI reply there, into our own.
@@ -312,10 +320,10 @@ int PhpPool::Acquire(unsigned timeoutMs) {
     for (size_t k = 0; k < Slots.size(); k++) {
       size_t i = (NextSlot + k) % Slots.size();
       Slot& s = Slots[i];
-      if (s.Busy || s.Broken || !s.Current || s.Current->Served >= kOwnRequestLimit) continue;
+      if (s.Busy || s.Broken || !s.Current || s.Current->Served >= RequestsPerWorker) continue;
       NextSlot = i + 1;
       s.Busy = true;
-      if (++s.Current->Served >= kStartSpareAt && !s.Spare) Wake.Set();
+      if (++s.Current->Served >= SpareAt() && !s.Spare) Wake.Set();
       Lock.Unlock();
       return (int)i;
     }
@@ -381,7 +389,7 @@ bool PhpRequest::Send(const CStrList& env, const void* body, size_t bodyLen) {
 // marked for replacement and the next one is tried.
 bool PhpRequest::Connect() {
   for (int attempt = 0; attempt <= Pool.WorkerCount() + 1; attempt++) {
-    SlotIndex = Pool.Acquire(MsLeft(Deadline));
+    SlotIndex = Pool.Acquire(Smaller(MsLeft(Deadline), Pool.WaitForWorkerMs));
     if (SlotIndex < 0) return false;
     std::string path;
     {
@@ -451,10 +459,11 @@ int PhpRequest::Read(void* buf, int n) {
 }
 
 bool PhpRequest::ReceiveSome() {
-  size_t old = In.size();
-  In.resize(old + kReceivePiece);
-  int n = PlSockRecv(Sock, &In[old], (int)kReceivePiece);
-  In.resize(old + (n > 0 ? (size_t)n : 0));
+  // Into a buffer of its own: growing In by a whole piece first would clear
+  // that many bytes for every read, most of a small page's cost.
+  char piece[16384];
+  int n = PlSockRecv(Sock, piece, (int)sizeof piece);
+  if (n > 0) In.append(piece, (size_t)n);
   if (n <= 0) {
     End(PHP_RUN_WORKER_LOST);  // gone before its end record
     return false;

@@ -40,10 +40,12 @@ class PhpPool {
   PhpPool& operator=(const PhpPool&) = delete;
 
   // Starts `workers` interpreters from cmdLine (the program and its start-up
-  // options, Windows quoting) and checks that each speaks FastCGI. False,
+  // options, Windows quoting) and checks that each speaks FastCGI. env: the
+  // workers' whole environment ("NAME=value" entries, none when null); every
+  // script sees it beside its request's variables. False,
   // with nothing left running and FailureText() telling why, when the
   // program can't be started or does not answer as a FastCGI application.
-  bool Start(const char* cmdLine, int workers);
+  bool Start(const char* cmdLine, int workers, const CStrList* env = nullptr);
   // Ends every worker and waits for them; requests in flight end as lost.
   void Stop();
   // False also once the pool gave up replacing workers that can no longer
@@ -55,8 +57,17 @@ class PhpPool {
   // Seconds a request may take, counted from Send (a wait for a free
   // worker included), before its worker is ended.
   unsigned TimeOutSec = 600;
+  // Milliseconds a request waits for a worker while all are busy before
+  // Send gives up (PHP_RUN_NO_WORKER) and the caller runs the script another
+  // way: scripts that run long (long polling, big imports) must not hold up
+  // every other page.
+  unsigned WaitForWorkerMs = 1000;
   // Seconds a new worker gets to answer its first FastCGI exchange.
   unsigned ProbeTimeOutSec = 5;
+  // Requests a worker serves before it is replaced (set before Start). The
+  // workers' environment carries PHP_FCGI_MAX_REQUESTS above it, so scripts
+  // on a worker see that one variable more than over CGI.
+  int RequestsPerWorker = 10000;
 
   // Process ids of the live workers, for tests and diagnostics.
   std::vector<long long> WorkerPids();
@@ -80,6 +91,7 @@ class PhpPool {
   void EndWorker(Worker* w);
   void EndAllWorkers();
 
+  int SpareAt() const { return RequestsPerWorker - RequestsPerWorker / 5; }
   int Acquire(unsigned timeoutMs);  // a slot index, -1 when none
   void Release(int slot, bool broken);
 
@@ -90,6 +102,7 @@ class PhpPool {
   PlThread* Supervisor = nullptr;
   std::vector<Slot> Slots;
   CStr CmdLine;
+  std::string EnvBlock;  // "A=1\0B=2\0" and the final NUL of c_str()
   std::string SocketDir;
   unsigned Sequence = 0;
   size_t NextSlot = 0;

@@ -7,8 +7,10 @@
 #include <string>
 
 #include "chttpserver.h"
+#include "cgi_pool.h"
 #include "cgiwrapper.h"
 #include "cmdline.h"
+#include "phppool.h"
 #include "pl_fs.h"
 #include "pl_net.h"
 #include "progdir.h"
@@ -17,6 +19,8 @@
 #include "shell_state.h"
 
 namespace {
+
+PhpPool* Workers = nullptr;  // the PHP workers, while the player runs with them
 
 bool FileExists(const char* path) { return CStr(path).FileExist(); }
 
@@ -140,13 +144,27 @@ void RegisterMimeTypes(CHttpServer* s) {
   }
 }
 
+// Warm interpreters for the ".php" handler. An interpreter that can't serve
+// them still runs every script, one process per request: the log says why,
+// the user need not know.
+void StartPhpWorkers(const __https_obj* handler) {
+  int count = ReadIniInt(INI_PHP_WORKERS);
+  if (count <= 0 || !handler) return;
+  Workers = new PhpPool;
+  if (CgiStartPool(*Workers, handler, count)) return;
+  HttpServer->PrintLog(0, "CGI PHP workers not started (%s); one interpreter per request",
+                       Workers->FailureText().c_str());
+  delete Workers;
+  Workers = nullptr;
+}
+
 // The ".php" handler. Without an interpreter the player still starts, but
 // says so, and PHP pages go to the gateway (which fails to start one)
 // rather than being served as source text.
 void RegisterPhp() {
   PhpCommand cmd = FindPhpCommand();
   if (cmd.Found) {
-    HttpServer->Vadd("php", cmd.Interpreter.c_str(), cmd.Args.c_str(), 8, 1);
+    StartPhpWorkers(HttpServer->Vadd("php", cmd.Interpreter.c_str(), cmd.Args.c_str(), 8, 1));
     return;
   }
   Error("PHP is switched on but no PHP interpreter was found.\n"
@@ -292,4 +310,8 @@ void StartPlayer(PlayerWindow& window, bool accessKey) {
 void StopPlayer() {
   delete HttpServer;  // its destructor stops listening and accepting
   HttpServer = nullptr;
+  // Only now: a request still running holds a worker.
+  CgiUsePool(nullptr, nullptr);
+  delete Workers;
+  Workers = nullptr;
 }

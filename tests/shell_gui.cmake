@@ -17,7 +17,7 @@ endfunction()
 
 if(TARGET lumetta-serve)
   lumetta_script_tests(shell_serve serve_test.sh lumetta-serve shell_serve 120 OFF
-                       demo port-search key-php options)
+                       demo port-search key-php workers-off options)
   # DokuWiki and phpLiteAdmin from Debian's packages (scripts/setup.sh test).
   lumetta_script_tests(php_app php_apps.sh lumetta-serve shell_serve 120 OFF
                        dokuwiki phpliteadmin)

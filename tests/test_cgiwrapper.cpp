@@ -9,8 +9,10 @@
 #include <thread>
 #include <vector>
 
+#include "cgi_pool.h"
 #include "cgiwrapper.h"
 #include "engines_helpers.h"
+#include "phppool.h"
 #include "pl_thread.h"
 #include "server_support.h"
 
@@ -21,22 +23,35 @@ namespace {
 const size_t npos = std::string::npos;
 
 // A home directory holding the PHP test pages, below a scratch directory
-// that has room for files the server must never reach.
-class CgiTest : public ::testing::Test {
+// that has room for files the server must never reach. Every test runs
+// with one php-cgi per request (0) and with the player's default of two
+// workers.
+class CgiTest : public ::testing::TestWithParam<int> {
  protected:
   EnginesTempDir Scratch;
   std::string Home = Scratch / "home";
+  PhpPool Pool;  // outlives the server
   std::unique_ptr<CHttpServer> Srv;
 
   void SetUp() override {
     fs::copy(LUMETTA_SOURCE_DIR "/tests/data/php", Home);
-    Srv = EnginesStartServer(Home, true);
+    Srv = Start();
     ASSERT_NE(Srv, nullptr);
   }
   void TearDown() override {
     Srv.reset();
+    CgiUsePool(nullptr, nullptr);
     CgiTimeOut = 600;
   }
+  // The generated settings directory the interpreter is given.
+  static std::string ScanDir() {
+    CStrList env;
+    EnginesPhpOptions(env);
+    std::string var = env.Count() ? env[0]->c_str() : "";
+    return var.substr(var.find(':') + 1);
+  }
+  bool Pooled() const { return GetParam() > 0; }
+  std::unique_ptr<CHttpServer> Start() { return EnginesStartServer(Home, true, Pooled() ? &Pool : nullptr, GetParam()); }
   EnginesReply Get(const std::string& target, const std::string& heads = "") {
     return EnginesGet(Srv->GetPort(), target, heads);
   }
@@ -50,7 +65,10 @@ class CgiTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(CgiTest, GetAndPostForms) {
+INSTANTIATE_TEST_SUITE_P(Workers, CgiTest, ::testing::Values(0, 2),
+                         [](const ::testing::TestParamInfo<int>& i) { return i.param ? "Pool" : "PerRequest"; });
+
+TEST_P(CgiTest, GetAndPostForms) {
   EnginesReply r = Get("/hello.php?name=Ann+%26+Bo");
   EXPECT_EQ(r.StatusLine, "HTTP/1.1 200 OK");
   EXPECT_EQ(r.Body, "Hello Ann &amp; Bo\n");
@@ -58,7 +76,7 @@ TEST_F(CgiTest, GetAndPostForms) {
   EXPECT_EQ(r.Body, "method=POST;a=1 2;b=\xC3\xA9");
 }
 
-TEST_F(CgiTest, MultipartUploadArrivesByteExact) {
+TEST_P(CgiTest, MultipartUploadArrivesByteExact) {
   std::string data;
   for (int i = 0; i < 2500; i++) data += (char)((i * 7 + i / 256) & 0xFF);
   data += "\r\n--XyZ\r\n";  // looks like a boundary but is not one
@@ -70,10 +88,13 @@ TEST_F(CgiTest, MultipartUploadArrivesByteExact) {
   EXPECT_TRUE(r.Body == "d.bin\n" + std::to_string(data.size()) + "\nhi there\n" + data) << r.Raw.substr(0, 300);
 }
 
-TEST_F(CgiTest, EnvironmentFollowsTheTableInOrder) {
+// $_SERVER rather than getenv(): a worker's own environment is not the
+// request's, and scripts read their request from $_SERVER. Both ways of
+// running the script give the same list, the player's PHP settings first.
+TEST_P(CgiTest, EnvironmentFollowsTheTableInOrder) {
   setenv("TMP", "/tmp/lumetta-tmp", 1);
   unsetenv("TEMP");
-  EnginesReply r = Get("/env.php?q=1",
+  EnginesReply r = Get("/server_vars.php?q=1",
                        "Accept: text/x-test\r\nCookie: c=1\r\nUser-Agent: UA/1\r\nReferer: http://r/\r\n"
                        "Proxy: http://evil:1/\r\nRedirect-Status: 200\r\nX-Other: 1\r\nX_Under: no\r\n"
                        "If-None-Match: \"e1\"\r\nx-other:  2 \r\n");
@@ -84,13 +105,13 @@ TEST_F(CgiTest, EnvironmentFollowsTheTableInOrder) {
   std::string remotePort = r.Body.substr(rp + 12, r.Body.find('\n', rp) - rp - 12);
   // Header variables only for headers sent; the others after the fixed
   // list, a repeated one joined; Proxy and names with "_" never.
-  std::string expected = "QUERY_STRING=q=1\nDOCUMENT_ROOT=" + Home +
+  std::string expected = "PHP_INI_SCAN_DIR=:" + ScanDir() + "\nQUERY_STRING=q=1\nDOCUMENT_ROOT=" + Home +
                          "\nGATEWAY_INTERFACE=CGI/1.1\nHTTP_ACCEPT= text/x-test\nHTTP_COOKIE=c=1\n"
                          "HTTP_HOST=localhost\nHTTP_REFERER=http://r/\nHTTP_USER_AGENT=UA/1\nPATH=" +
                          getenv("PATH") +
                          "\nREMOTE_ADDR=127.0.0.1\nREMOTE_HOST=127.0.0.1\n"
-                         "REMOTE_PORT=" + remotePort + "\nREQUEST_METHOD=GET\nREQUEST_URI=/env.php?q=1\n"
-                         "SCRIPT_FILENAME=" + Home + "/env.php\nSCRIPT_NAME=/env.php\nSERVER_ADDR=127.0.0.1\n"
+                         "REMOTE_PORT=" + remotePort + "\nREQUEST_METHOD=GET\nREQUEST_URI=/server_vars.php?q=1\n"
+                         "SCRIPT_FILENAME=" + Home + "/server_vars.php\nSCRIPT_NAME=/server_vars.php\nSERVER_ADDR=127.0.0.1\n"
                          "SERVER_NAME=localhost\nSERVER_PORT=" + port +
                          "\nSERVER_PROTOCOL=HTTP/1.1\nSERVER_SIGNATURE=<ADDRESS>Lumetta/1.0.3 Server at localhost Port " +
                          port + "</ADDRESS>\nSERVER_SOFTWARE=Lumetta/1.0.3 (Windows)\nTMP=/tmp/lumetta-tmp\n"
@@ -98,7 +119,7 @@ TEST_F(CgiTest, EnvironmentFollowsTheTableInOrder) {
   EXPECT_EQ(r.Body, expected);
 }
 
-TEST_F(CgiTest, StatusLineFromTheInterpreter) {
+TEST_P(CgiTest, StatusLineFromTheInterpreter) {
   Fake("low", "print \"status:302 Found\\r\\nLocation: /x\\r\\n\\r\\n\"");
   EnginesReply r = Get("/page.low");
   EXPECT_EQ(r.StatusLine, "HTTP/1.1 02 Found");  // one character after the colon always goes
@@ -111,7 +132,7 @@ TEST_F(CgiTest, StatusLineFromTheInterpreter) {
 
 // Past the first line, Status is looked for in the whole header block and
 // taken out of it; a Location alone is a redirect.
-TEST_F(CgiTest, StatusFromAnywhereInTheHeaderBlock) {
+TEST_P(CgiTest, StatusFromAnywhereInTheHeaderBlock) {
   const struct {
     const char* out;
     std::string reply;
@@ -133,12 +154,12 @@ TEST_F(CgiTest, StatusFromAnywhereInTheHeaderBlock) {
     ASSERT_NE(date, npos);
     // Our Server and Date lines sit right after the status line.
     EXPECT_EQ(raw.substr(0, raw.find("\r\n") + 2) + raw.substr(raw.find("\r\n", date + 2) + 2), c.reply);
-    Srv = EnginesStartServer(Home, true);
+    Srv = Start();
     ASSERT_NE(Srv, nullptr);
   }
 }
 
-TEST_F(CgiTest, SessionAndCookieAcrossRequests) {
+TEST_P(CgiTest, SessionAndCookieAcrossRequests) {
   EnginesReply first = Get("/session.php");
   EXPECT_EQ(first.Body, "n=1;cookie=");
   std::string cookies;
@@ -148,9 +169,9 @@ TEST_F(CgiTest, SessionAndCookieAcrossRequests) {
   EXPECT_EQ(Get("/session.php", "Cookie: " + cookies + "\r\n").Body, "n=2;cookie=oat");
 }
 
-TEST_F(CgiTest, TimeOutEndsTheInterpreterAndKeepsWhatItWrote) {
+TEST_P(CgiTest, TimeOutEndsTheInterpreterAndKeepsWhatItWrote) {
   CgiTimeOut = 1;  // the request threads read it: set before they exist
-  Srv = EnginesStartServer(Home, true);
+  Srv = Start();
   ASSERT_NE(Srv, nullptr);
   uint64_t start = PlMonotonicMs();
   EnginesReply r = Get("/slow.php");
@@ -159,7 +180,7 @@ TEST_F(CgiTest, TimeOutEndsTheInterpreterAndKeepsWhatItWrote) {
   EXPECT_EQ(r.Body, "partial\n");
 }
 
-TEST_F(CgiTest, MissingScriptGives404AndStartsNothing) {
+TEST_P(CgiTest, MissingScriptGives404AndStartsNothing) {
   std::string marker = Scratch / "started";
   ASSERT_NE(Srv->Vadd("mk", "/bin/sh", ("-c \"touch " + marker + "\"").c_str(), 8, 1), nullptr);
   EnginesWriteFile(Home + "/page.mk", "");
@@ -170,7 +191,7 @@ TEST_F(CgiTest, MissingScriptGives404AndStartsNothing) {
   EXPECT_TRUE(fs::exists(marker));  // the same set-up does start it for a real file
 }
 
-TEST_F(CgiTest, ConcurrentRequests) {
+TEST_P(CgiTest, ConcurrentRequests) {
   std::vector<std::thread> threads;
   std::vector<std::string> bodies(20);
   for (int i = 0; i < 20; i++)
@@ -179,7 +200,7 @@ TEST_F(CgiTest, ConcurrentRequests) {
   for (int i = 0; i < 20; i++) EXPECT_EQ(bodies[i], "id=" + std::to_string(i) + ";len=" + std::to_string(1000 * i));
 }
 
-TEST_F(CgiTest, QueryWithoutEqualsNeverBecomesOptions) {
+TEST_P(CgiTest, QueryWithoutEqualsNeverBecomesOptions) {
   Fake("argv", "args -x");
   for (const char* q : {"?-s", "?-d+allow_url_include%3d1", "?%2ds", "?+-s", "?-n+-c+/etc/passwd"}) {
     SCOPED_TRACE(q);
@@ -190,9 +211,11 @@ TEST_F(CgiTest, QueryWithoutEqualsNeverBecomesOptions) {
     EXPECT_FALSE(php.Has("SECRET-SOURCE-MARKER") || php.Has("include-on")) << php.Raw;
   }
   EXPECT_EQ(Get("/source.php?x=-s").Body, "ran:x=-s:include-off");
+  // The player's own settings hold whatever the query: the script runs.
+  for (const char* q : {"-s", "-n", "-s+-n"}) EXPECT_EQ(Get(std::string("/source.php?") + q).Body, std::string("ran:") + q + ":include-off");
 }
 
-TEST_F(CgiTest, ScriptsOutsideTheHomeDirectoryNeverRun) {
+TEST_P(CgiTest, ScriptsOutsideTheHomeDirectoryNeverRun) {
   fs::create_directories(Scratch / "elsewhere");
   fs::create_directories(Home + "/sub");
   EnginesWriteFile(Scratch / "outside.php", "<?php echo 'OUTSIDE-RAN';");
@@ -223,4 +246,64 @@ TEST(CgiFailure, InterpreterThatCannotStartIsLogged) {
   ASSERT_TRUE(server.WaitLog("Request \"/page.x\" ended by error"));
   std::string log = server.LogText();
   EXPECT_EQ(log.find("ended by error", log.find("ended by error") + 1), std::string::npos) << log;
+}
+
+// A script that ends itself, or whose interpreter dies mid-page: the client
+// gets what was written, and the next request is served as usual.
+TEST_P(CgiTest, ScriptsThatExitOrKillTheirInterpreter) {
+  EnginesWriteFile(Home + "/exit.php", "<?php echo 'before'; exit(3); echo 'after';");
+  EnginesWriteFile(Home + "/crash.php",
+                   "<?php while (ob_get_level()) ob_end_flush(); echo 'dying'; flush(); posix_kill(getmypid(), 9);");
+  for (int round = 0; round < 3; round++) {
+    EXPECT_EQ(Get("/exit.php").Body, "before");
+    EnginesReply crashed = Get("/crash.php");
+    EXPECT_EQ(crashed.StatusLine, "HTTP/1.1 200 OK");
+    EXPECT_EQ(crashed.Body, "dying");
+    EXPECT_EQ(Get("/hello.php?name=x").Body, "Hello x\n");
+  }
+}
+
+// Fifty clients at once share the two workers and each gets its own reply.
+TEST_P(CgiTest, FiftyConcurrentRequestsOnTwoWorkers) {
+  if (!Pooled()) GTEST_SKIP() << "workers only";
+  EnginesWriteFile(Home + "/pid.php", "<?php echo $_GET['id'], ':', getmypid();");
+  Pool.WaitForWorkerMs = 60000;  // every one waits its turn, however slow the build
+  std::vector<std::thread> threads;
+  std::vector<std::string> bodies(50);
+  for (int i = 0; i < 50; i++)
+    threads.emplace_back([this, i, &bodies] { bodies[i] = Get("/pid.php?id=" + std::to_string(i)).Body; });
+  for (auto& t : threads) t.join();
+  std::vector<std::string> pids;
+  for (int i = 0; i < 50; i++) {
+    std::string prefix = std::to_string(i) + ":";
+    ASSERT_EQ(bodies[i].rfind(prefix, 0), 0u) << bodies[i];
+    pids.push_back(bodies[i].substr(prefix.size()));
+  }
+  std::sort(pids.begin(), pids.end());
+  EXPECT_EQ(std::unique(pids.begin(), pids.end()) - pids.begin(), 2);
+}
+
+TEST_P(CgiTest, NoInterpreterLeftOnceTheServerStops) {
+  if (!Pooled()) GTEST_SKIP() << "workers only";
+  ASSERT_EQ(Get("/hello.php?name=x").Body, "Hello x\n");
+  std::vector<long long> pids = Pool.WorkerPids();
+  ASSERT_EQ(pids.size(), 2u);
+  Srv.reset();
+  CgiUsePool(nullptr, nullptr);
+  Pool.Stop();
+  for (long long pid : pids) EXPECT_FALSE(EnginesProcessAlive(pid)) << pid;
+}
+
+// Redirects as PHP makes them: a Location alone, or with a status of its own.
+TEST_P(CgiTest, RedirectsFromScripts) {
+  EnginesWriteFile(Home + "/go.php",
+                   "<?php if (isset($_GET['perm'])) header('Location: /moved', true, 301);"
+                   " else header('Location: /next?a=1'); echo 'away';");
+  EnginesReply r = Get("/go.php");
+  EXPECT_EQ(r.StatusLine, "HTTP/1.1 302 Found");
+  EXPECT_TRUE(r.Has("\r\nLocation: /next?a=1\r\n")) << r.Raw;
+  r = Get("/go.php?perm=1");
+  EXPECT_EQ(r.StatusLine, "HTTP/1.1 301 Moved Permanently");
+  EXPECT_TRUE(r.Has("\r\nLocation: /moved\r\n")) << r.Raw;
+  EXPECT_EQ(r.Body, "away");
 }

@@ -3,12 +3,21 @@
 // against the real php-cgi with a probe script that prints what it was told.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "cgi_pool.h"
 #include "cgiwrapper.h"
+#include "engines_helpers.h"
+#include "php_options.h"
+#include "phppool.h"
 #include "progdir.h"
 #include "server_support.h"
 
@@ -23,9 +32,11 @@ bool RefusingEngine(void*, void* c) {
   return true;
 }
 
-class PhpCompat : public ::testing::Test {
+// Each test with one php-cgi per request (0) and with two workers.
+class PhpCompat : public ::testing::TestWithParam<int> {
  protected:
   ScratchDir Home;
+  PhpPool Pool;  // outlives the server
   std::unique_ptr<TestServer> S;
 
   void SetUp() override {
@@ -36,10 +47,17 @@ class PhpCompat : public ::testing::Test {
     S.reset(new TestServer(Home.Path()));
     CHttpServer& srv = S->Srv();
     srv.OnCgi = CgiWrapper;
-    srv.Vadd("php", php.Str, args.Str, 8, 1);
+    __https_obj* handler = srv.Vadd("php", php.Str, args.Str, 8, 1);
+    if (GetParam() > 0) {
+      ASSERT_TRUE(CgiStartPool(Pool, handler, GetParam())) << Pool.FailureText().c_str();
+    }
     srv.DefDocs.Add("index.php");
     srv.EngsAdd("/act.ebd", RefusingEngine, 1);
     S->Start();
+  }
+  void TearDown() override {
+    S.reset();
+    CgiUsePool(nullptr, nullptr);
   }
   Reply Ask(const std::string& request) { return ParseReply(Exchange(S->Port(), request)); }
   // The probe's "NAME=value" lines as a map.
@@ -64,13 +82,16 @@ std::string Request(const std::string& method, const std::string& target, const 
 
 }  // namespace
 
-TEST_F(PhpCompat, LongQueryAndCookieArriveWhole) {
+INSTANTIATE_TEST_SUITE_P(Workers, PhpCompat, ::testing::Values(0, 2),
+                         [](const ::testing::TestParamInfo<int>& i) { return i.param ? "Pool" : "PerRequest"; });
+
+TEST_P(PhpCompat, LongQueryAndCookieArriveWhole) {
   std::string query = "a=" + std::string(5998, 'q'), cookie = "c=" + std::string(4094, 'k');
   auto v = Probe(Request("GET", "/probe.php?" + query, "Cookie: " + cookie + "\r\n"));
   EXPECT_EQ(v["query"], "6000 cookie=4096");
 }
 
-TEST_F(PhpCompat, EnvironmentAsApplicationsExpectIt) {
+TEST_P(PhpCompat, EnvironmentAsApplicationsExpectIt) {
   const std::string home = Home.Path();
   const struct {
     std::string request;
@@ -102,7 +123,7 @@ TEST_F(PhpCompat, EnvironmentAsApplicationsExpectIt) {
   }
 }
 
-TEST_F(PhpCompat, StatusAfterOtherHeadersIsTheReplyStatus) {
+TEST_P(PhpCompat, StatusAfterOtherHeadersIsTheReplyStatus) {
   Reply r = Ask(Request("GET", "/late_status.php"));
   EXPECT_EQ(r.StatusLine, "HTTP/1.1 403 Forbidden");
   EXPECT_EQ(r.Header("X-Page"), "late");
@@ -111,7 +132,7 @@ TEST_F(PhpCompat, StatusAfterOtherHeadersIsTheReplyStatus) {
   EXPECT_EQ(r.Body, "no entry");
 }
 
-TEST_F(PhpCompat, WarningsGoToTheLogNotTheReply) {
+TEST_P(PhpCompat, WarningsGoToTheLogNotTheReply) {
   Reply r = Ask(Request("GET", "/warn.php"));
   EXPECT_EQ(r.Status, 200);
   EXPECT_EQ(r.Body, "before;after");
@@ -119,7 +140,7 @@ TEST_F(PhpCompat, WarningsGoToTheLogNotTheReply) {
   EXPECT_TRUE(S->WaitLog("CGI /warn.php: PHP Warning:  Undefined array key \"missing-key\"")) << S->LogText();
 }
 
-TEST_F(PhpCompat, MethodsBeyondGetAndPost) {
+TEST_P(PhpCompat, MethodsBeyondGetAndPost) {
   const std::string json = "{\"title\":\"new\",\"n\":1}";
   const struct {
     std::string request, method, input;
@@ -166,7 +187,7 @@ TEST_F(PhpCompat, MethodsBeyondGetAndPost) {
   for (const auto& c : refused) EXPECT_EQ(Ask(c.request).Raw, c.reply) << c.request.substr(0, 40);
 }
 
-TEST_F(PhpCompat, PostToADirectoryRunsItsDefaultDocument) {
+TEST_P(PhpCompat, PostToADirectoryRunsItsDefaultDocument) {
   const std::string form = "Content-Type: application/x-www-form-urlencoded\r\n";
   EXPECT_EQ(Ask(Request("POST", "/app/", form, "user=ann")).Body, "POST /app/index.php /app/ user=ann");
   EXPECT_EQ(Ask(Request("POST", "/app?x=1", form, "user=bo")).Body, "POST /app/index.php /app?x=1 user=bo");
@@ -179,7 +200,7 @@ TEST_F(PhpCompat, PostToADirectoryRunsItsDefaultDocument) {
 
 // Neither a default document nor a script with a path after it may be
 // found through a link that leads out of the home directory.
-TEST_F(PhpCompat, NewWaysToAScriptStayInside) {
+TEST_P(PhpCompat, NewWaysToAScriptStayInside) {
   ScratchDir outside;
   outside.Write("index.php", "<?php echo 'OUTSIDE-RAN';");
   fs::create_directory_symlink(outside.Path(), Home.Join("linkdir"));
@@ -196,7 +217,7 @@ TEST_F(PhpCompat, NewWaysToAScriptStayInside) {
   }
 }
 
-TEST_F(PhpCompat, PathInfoNeedsARealScript) {
+TEST_P(PhpCompat, PathInfoNeedsARealScript) {
   const struct {
     std::string target;
     int status;
@@ -214,4 +235,129 @@ TEST_F(PhpCompat, PathInfoNeedsARealScript) {
       EXPECT_EQ(r.Body, c.body) << c.target;
     }
   }
+}
+
+// Two long scripts take both workers: another page does not wait for them
+// but runs in an interpreter of its own, and the log says so once.
+TEST_P(PhpCompat, BusyWorkersLeaveOtherPagesToTheirOwnInterpreter) {
+  if (GetParam() == 0) GTEST_SKIP() << "workers only";
+  Home.Write("slow.php", "<?php sleep(2); echo 'slow';");
+  Home.Write("pid.php", "<?php echo getmypid();");
+  std::vector<long long> workers = Pool.WorkerPids();
+  Pool.WaitForWorkerMs = 200;  // read only by request threads started later
+  std::vector<std::thread> slow;
+  std::vector<std::string> slowBodies(2);
+  for (int i = 0; i < 2; i++) slow.emplace_back([&, i] { slowBodies[i] = Ask(Request("GET", "/slow.php")).Body; });
+  PlSleepMs(500);
+  for (int i = 0; i < 2; i++) {
+    uint64_t start = PlMonotonicMs();
+    std::string pid = Ask(Request("GET", "/pid.php")).Body;
+    EXPECT_LT(PlMonotonicMs() - start, 1500u);
+    ASSERT_FALSE(pid.empty());
+    EXPECT_EQ(std::count(workers.begin(), workers.end(), std::stoll(pid)), 0) << pid;
+  }
+  for (auto& t : slow) t.join();
+  EXPECT_EQ(slowBodies, std::vector<std::string>(2, "slow"));
+  EXPECT_TRUE(S->WaitLog("CGI PHP workers all busy"));
+  std::string log = S->LogText();
+  size_t first = log.find("workers all busy");
+  EXPECT_EQ(log.find("workers all busy", first + 1), std::string::npos) << log;
+}
+
+// ---------------------------------------------------------------- workers that can't be had
+
+namespace {
+
+// A stand-in for php-cgi: the real one behind a shell script whose answer
+// to a worker's socket the test chooses.
+class PhpStandIn : public ::testing::Test {
+ protected:
+  ScratchDir Dir;
+  std::string Script = Dir.Path() + "/php-cgi-standin";
+  std::string RealPhp;
+  PhpPool Pool;  // outlives the server
+  std::unique_ptr<TestServer> S;
+  __https_obj* Handler = nullptr;
+
+  void SetUp() override {
+    CStr php, args;
+    if (!FindPhpInterpreter(CStr("/nonexistent"), php, args)) GTEST_SKIP() << "php-cgi is not installed";
+    RealPhp = php.c_str();
+    ASSERT_TRUE(PhpRegisterOptions(CStr(Script.c_str()), CStr("")));
+    Dir.Write("home/page.php", "<?php echo 'page ', $_GET['n'] ?? '';");
+    S.reset(new TestServer(Dir.Path() + "/home"));
+    S->Srv().OnCgi = CgiWrapper;
+    StandIn(":");
+    Handler = S->Srv().Vadd("php", Script.c_str(), "", 8, 1);
+    ASSERT_NE(Handler, nullptr);
+  }
+  void TearDown() override {
+    S.reset();
+    CgiUsePool(nullptr, nullptr);
+  }
+  // onSocket: what the stand-in does when its input is a listening socket.
+  void StandIn(const std::string& onSocket) {
+    EnginesWriteFile(Script + ".new", "#!/bin/sh\nif [ -S /dev/stdin ]; then " + onSocket + "; fi\nexec \"" + RealPhp +
+                                          "\" \"$@\"\n");
+    fs::permissions(Script + ".new", fs::perms::owner_all);
+    fs::rename(Script + ".new", Script);  // never half written while a worker starts
+  }
+  std::string Page(int n) {
+    return ParseReply(Exchange(S->Port(), "GET /page.php?n=" + std::to_string(n) + " HTTP/1.1\r\nHost: localhost\r\n\r\n")).Body;
+  }
+  size_t Count(const std::string& text) {
+    std::string log = S->LogText();
+    size_t n = 0;
+    for (size_t at = 0; (at = log.find(text, at)) != std::string::npos; at += text.size()) n++;
+    return n;
+  }
+};
+
+}  // namespace
+
+TEST_F(PhpStandIn, InterpreterWithoutFastCgiRunsOnePerRequest) {
+  StandIn("printf 'Content-Type: text/plain\\r\\n\\r\\nnot fastcgi'; exit 0");
+  EXPECT_FALSE(CgiStartPool(Pool, Handler, 2));
+  EXPECT_FALSE(Pool.FailureText().IsEmpty());
+  S->Start();
+  for (int n = 0; n < 3; n++) EXPECT_EQ(Page(n), "page " + std::to_string(n));
+}
+
+TEST_F(PhpStandIn, WorkersThatCanNoLongerStartFallBackWithOneLogLine) {
+  StandIn(":");
+  ASSERT_TRUE(CgiStartPool(Pool, Handler, 1)) << Pool.FailureText().c_str();
+  S->Start();
+  EXPECT_EQ(Page(0), "page 0");
+  StandIn("exit 1");
+  for (long long pid : Pool.WorkerPids()) {
+    kill((pid_t)pid, SIGKILL);
+    while (EnginesProcessAlive(pid)) PlSleepMs(5);  // not a request lost to a worker mid-kill
+  }
+  for (int n = 1; n < 6; n++) EXPECT_EQ(Page(n), "page " + std::to_string(n));
+  EXPECT_FALSE(Pool.IsRunning());
+  EXPECT_TRUE(S->WaitLog("PHP workers unavailable"));
+  EXPECT_EQ(Count("PHP workers unavailable"), 1u) << S->LogText();
+}
+
+// An interpreter shipped below the program's folder keeps its own php.ini,
+// and neither that nor the player's settings can be switched off by a
+// query that looks like options.
+TEST(PhpBundled, OwnIniHoldsWhateverTheQuery) {
+  CStr systemPhp, args;
+  if (!FindPhpInterpreter(CStr("/nonexistent"), systemPhp, args)) GTEST_SKIP() << "php-cgi is not installed";
+  ScratchDir dir;
+  dir.Write("prog/Php5/php.ini", "memory_limit=77M\n");
+  fs::create_symlink(systemPhp.c_str(), dir.Path() + "/prog/Php5/php-cgi");
+  dir.Write("home/m.php", "<?php echo ini_get('memory_limit'), ':', $_SERVER['QUERY_STRING'];");
+  CStr php;
+  ASSERT_TRUE(FindPhpInterpreter(CStr((dir.Path() + "/prog").c_str()), php, args));
+  EXPECT_EQ(std::string(php.c_str()), dir.Path() + "/prog/Php5/php-cgi");
+  EXPECT_TRUE(args.IsEmpty()) << args.c_str();
+  TestServer s(dir.Path() + "/home");
+  s.Srv().OnCgi = CgiWrapper;
+  s.Srv().Vadd("php", php.Str, args.Str, 8, 1);
+  s.Start();
+  for (std::string q : {"a=1", "-n", "-s", "-c+/dev/null"})
+    EXPECT_EQ(ParseReply(Exchange(s.Port(), "GET /m.php?" + q + " HTTP/1.1\r\nHost: localhost\r\n\r\n")).Body,
+              "77M:" + q);
 }

@@ -57,7 +57,11 @@ demo)
   grep -q "$want" <<< "$page" || fail "upload content"
   curl -fsS "${KEY[@]}" "$URL/notes.php" | grep -q 'href="/run.ebd?file=[^"]*notes.txt' \
     || fail "run wrapper link"
+  # PHP ran on the default two workers, and they end with the server.
+  workers=$(pgrep -P "$SERVE_PID" -d ' ' php-cgi || true)
+  [[ $(wc -w <<< "$workers") == 2 ]] || fail "PHP workers: '$workers'"
   stop_serve TERM
+  for p in $workers; do ! kill -0 "$p" 2>/dev/null || fail "php-cgi $p outlived the server"; done
   port_listening "$PORT" && fail "port still open after SIGTERM"
   ;;
 port-search)
@@ -103,6 +107,24 @@ key-php)
     "$URL/run.ebd?file=/bin/sh&parameters=-c%20%22touch%20$WORK/pwned%22")
   [[ $code == 403 ]] || fail "run wrapper from a foreign page: $code"
   [[ -e $WORK/pwned ]] && fail "a foreign page started a program"
+  stop_serve TERM
+  ;;
+workers-off)
+  # PHP_WORKERS=0: no interpreter waits between requests; each page still
+  # runs, the query's look-alike options included.
+  command -v php-cgi >/dev/null || skip "php-cgi missing"
+  PORT=$(free_port)
+  mkdir -p "$WORK/site"
+  echo '<?php echo "ran:", $_SERVER["QUERY_STRING"];' > "$WORK/site/q.php"
+  write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "PHP=1" "PHP_WORKERS=0"
+  start_serve "$WORK/out" /INI "$WORK/a.ini"
+  open_key
+  URL="http://localhost:$PORT"
+  for q in x=1 -s -n; do
+    seen=$(curl -fsS "${KEY[@]}" "$URL/q.php?$q")
+    [[ $seen == "ran:$q" ]] || fail "q.php?$q gave '$seen'"
+  done
+  [[ -z $(pgrep -P "$SERVE_PID" php-cgi) ]] || fail "php-cgi left running with PHP_WORKERS=0"
   stop_serve TERM
   ;;
 options)

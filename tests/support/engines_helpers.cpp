@@ -8,7 +8,10 @@
 #include <random>
 #include <sstream>
 
+#include "cgi_pool.h"
 #include "cgiwrapper.h"
+#include "php_options.h"
+#include "phppool.h"
 #include "pl_net.h"
 #include "progdir.h"
 #include "runwrapper.h"
@@ -26,10 +29,23 @@ std::string EnginesPhpCommandLine() {
   return "\"" + std::string(path.c_str()) + "\" " + cmd.c_str();
 }
 
+void EnginesPhpOptions(CStrList& env) {
+  CStr path, args;
+  if (FindPhpInterpreter(CStr("/nonexistent"), path, args)) PhpAddOptionsEnvironment(path, env);
+}
+
 std::string EnginesReadFile(const std::string& path) {
   std::ostringstream out;
   out << std::ifstream(path, std::ios::binary).rdbuf();
   return out.str();
+}
+
+bool EnginesProcessAlive(long long pid) {
+  // A zombie still has its /proc entry; its state letter tells.
+  std::string stat = EnginesReadFile("/proc/" + std::to_string(pid) + "/stat");
+  if (stat.empty()) return false;
+  size_t close = stat.rfind(')');
+  return close == std::string::npos || stat.compare(close + 2, 1, "Z") != 0;
 }
 
 void EnginesWriteFile(const std::string& path, const std::string& data) {
@@ -72,7 +88,8 @@ EnginesReply EnginesPost(unsigned short port, const std::string& target, const s
                                "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
 }
 
-std::unique_ptr<CHttpServer> EnginesStartServer(const std::string& homeDir, bool withPhp) {
+std::unique_ptr<CHttpServer> EnginesStartServer(const std::string& homeDir, bool withPhp, PhpPool* pool,
+                                                int workers) {
   std::unique_ptr<CHttpServer> server(new CHttpServer);
   server->SetListeningAddr(0x7F000001);
   server->EngsAdd("/run.ebd", RunWrapper, 1);
@@ -81,7 +98,15 @@ std::unique_ptr<CHttpServer> EnginesStartServer(const std::string& homeDir, bool
   server->CacheExpire = 0;
   server->ServerName = "Lumetta Server";
   CStr path, args;
-  if (withPhp && FindPhpInterpreter(ProgDir, path, args)) server->Vadd("php", path.Str, args.Str, 8, 1);
+  if (withPhp && FindPhpInterpreter(ProgDir, path, args)) {
+    __https_obj* php = server->Vadd("php", path.Str, args.Str, 8, 1);
+    if (pool && pool->IsRunning()) {
+      pool->TimeOutSec = CgiTimeOut;  // no request runs on it now
+      CgiUsePool(php, pool);
+    } else if (pool && !CgiStartPool(*pool, php, workers)) {
+      return nullptr;
+    }
+  }
   // The first free port from a random base.
   unsigned short port = (unsigned short)(20000 + std::random_device()() % 30000);
   for (int tries = 0; tries < 200; tries++, port++)

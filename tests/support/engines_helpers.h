@@ -8,12 +8,18 @@
 
 #include "chttpserver.h"
 
+class PhpPool;
+
 std::string EnginesHelperPath();  // tests/helpers/pipe_helper in the build tree
 std::string HelperCmd(const std::string& args);  // its quoted path, then args
 std::string EnginesPoolHelperPath();  // tests/helpers/pool_helper
 // The command line that starts the interpreter the gateway finds, with its
 // options; empty when there is no php-cgi.
 std::string EnginesPhpCommandLine();
+// Appends the variables that give that interpreter the player's settings.
+void EnginesPhpOptions(CStrList& env);
+// True while the process runs (a zombie counts as ended). Linux only.
+bool EnginesProcessAlive(long long pid);
 std::string EnginesReadFile(const std::string& path);
 void EnginesWriteFile(const std::string& path, const std::string& data);
 
@@ -38,7 +44,11 @@ EnginesReply EnginesPost(unsigned short port, const std::string& target, const s
 
 // A server listening on 127.0.0.1 and set up as the player sets up its own:
 // the CGI gateway, the run wrapper on "/run.ebd" and, when asked, "php" for
-// the interpreter the gateway finds. Null when it cannot listen.
-std::unique_ptr<CHttpServer> EnginesStartServer(const std::string& homeDir, bool withPhp);
+// the interpreter the gateway finds. Null when it cannot listen. With a
+// pool, "php" goes to its workers (started with `workers` the first time,
+// and the gateway's current time-out each time); the caller keeps the pool
+// until the server is gone, then calls CgiUsePool(nullptr, nullptr).
+std::unique_ptr<CHttpServer> EnginesStartServer(const std::string& homeDir, bool withPhp, PhpPool* pool = nullptr,
+                                                int workers = 2);
 
 #endif
