@@ -217,7 +217,8 @@ TEST_F(PhpPoolTest, WorkerThatKillsItselfIsReplaced) {
   // go to the live worker.
   std::vector<long long> after;
   const uint64_t deadline = PlMonotonicMs() + srvtest::ReplyBoundMs(5000);
-  while ((after = Pool.WorkerPids()) == before && PlMonotonicMs() < deadline) PlSleepMs(10);
+  while (((after = Pool.WorkerPids()) == before || after.size() != 2) && PlMonotonicMs() < deadline)
+    PlSleepMs(10);
   EXPECT_EQ(after.size(), 2u);
   EXPECT_NE(after, before);
 }
