@@ -57,4 +57,12 @@ bool PlProcessSetPriority(PlProc* p, int cls);
 // Releases the record. The child must have been waited for.
 void PlProcessClose(PlProc* p);
 
+// Sets (value non-null) or removes (value null) a variable of our own
+// environment, which children started with an inherited environment get.
+bool PlSetEnv(const char* name, const char* value);
+
+// True when no ended child of this process is left uncollected (POSIX
+// zombies). Windows keeps no such state: always true there.
+bool PlProcessAllCollected();
+
 #endif

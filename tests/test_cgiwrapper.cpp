@@ -12,6 +12,7 @@
 #include "cgiwrapper.h"
 #include "engines_helpers.h"
 #include "pl_thread.h"
+#include "portable.h"
 
 namespace fs = std::filesystem;
 
@@ -70,12 +71,12 @@ TEST_F(CgiTest, MultipartUploadArrivesByteExact) {
 }
 
 TEST_F(CgiTest, EnvironmentFollowsTheTableInOrder) {
-  setenv("TMP", "/tmp/lumetta-tmp", 1);
-  unsetenv("TEMP");
+  TestSetEnv("TMP", "/tmp/lumetta-tmp");
+  TestSetEnv("TEMP", nullptr);
   EnginesReply r = Get("/env.php?q=1",
                        "Accept: text/x-test\r\nCookie: c=1\r\nUser-Agent: UA/1\r\nReferer: http://r/\r\n"
                        "Proxy: http://evil:1/\r\nRedirect-Status: 200\r\nX-Other: 1\r\n");
-  unsetenv("TMP");
+  TestSetEnv("TMP", nullptr);
   std::string port = std::to_string(Srv->GetPort());
   size_t rp = r.Body.find("REMOTE_PORT=");
   ASSERT_NE(rp, npos);

@@ -1,6 +1,5 @@
 // ctest-labels: threads
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -11,6 +10,8 @@
 
 #include "cpipestream.h"
 #include "engines_helpers.h"
+#include "pl_process.h"
+#include "portable.h"
 
 namespace {
 
@@ -123,9 +124,9 @@ TEST(CPipeStream, ChildGetsExactlyTheGivenEnvironment) {
   env.Add("EMPTY=");
   env.Add("SPACED=two words");
   CPipeStream p;
-  EXPECT_EQ(RunToEnd(p, "/usr/bin/env", CPIPE_READ, &env), "ALPHA=1\nEMPTY=\nSPACED=two words\n");
-  EXPECT_EQ(RunToEnd(p, "/usr/bin/env", CPIPE_READ, &none), "");
-  EXPECT_NE(RunToEnd(p, "/usr/bin/env").find("PATH="), std::string::npos);  // no list: ours is inherited
+  EXPECT_EQ(RunToEnd(p, HelperCmd("env"), CPIPE_READ, &env), "ALPHA=1\nEMPTY=\nSPACED=two words\n");
+  EXPECT_EQ(RunToEnd(p, HelperCmd("env"), CPIPE_READ, &none), "");
+  EXPECT_NE(RunToEnd(p, HelperCmd("env")).find("PATH="), std::string::npos);  // no list: ours is inherited
 }
 
 TEST(CPipeStream, CommandLineFollowsWindowsQuotingRules) {
@@ -135,6 +136,7 @@ TEST(CPipeStream, CommandLineFollowsWindowsQuotingRules) {
 }
 
 TEST(CPipeStream, ManyStreamsLeaveNoDescriptorsAndNoChildren) {
+  SKIP_ON_WINDOWS("open descriptors are counted in /proc/self/fd");
   auto openDescriptors = [] {
     auto it = std::filesystem::directory_iterator("/proc/self/fd");
     return std::distance(begin(it), end(it));
@@ -153,9 +155,9 @@ TEST(CPipeStream, ManyStreamsLeaveNoDescriptorsAndNoChildren) {
     CPipeStream timedOut, dropped;
     timedOut.TimeOut = 1;
     RunToEnd(timedOut, HelperCmd("sleep 30"), CPIPE_READ | CPIPE_WRITE | CPIPE_DEBUG);
-    dropped.Open("/bin/cat", nullptr, nullptr, CPIPE_READ | CPIPE_WRITE);  // still running
+    dropped.Open(HelperCmd("cat").c_str(), nullptr, nullptr, CPIPE_READ | CPIPE_WRITE);  // still running
     Thrown([&] { CPipeStream().Open("/nonexistent/program", nullptr, nullptr, CPIPE_READ); });
   }
   EXPECT_EQ(openDescriptors(), before);
-  EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);  // every child has been collected
+  EXPECT_TRUE(PlProcessAllCollected());  // every child has been collected
 }

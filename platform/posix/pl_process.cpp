@@ -341,3 +341,9 @@ void PlProcessClose(PlProc* p) {
   if (p->PidFd >= 0) close(p->PidFd);
   delete p;
 }
+
+bool PlSetEnv(const char* name, const char* value) {
+  return (value ? setenv(name, value, 1) : unsetenv(name)) == 0;
+}
+
+bool PlProcessAllCollected() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }

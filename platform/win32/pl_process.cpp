@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -173,3 +174,12 @@ void PlProcessClose(PlProc* p) {
   if (p->Process) CloseHandle(p->Process);
   delete p;
 }
+
+bool PlSetEnv(const char* name, const char* value) {
+  // The C run-time keeps its own copy (getenv) beside the process block
+  // (children): both must change.
+  bool crt = _putenv_s(name, value ? value : "") == 0;
+  return SetEnvironmentVariableA(name, value) && crt;
+}
+
+bool PlProcessAllCollected() { return true; }

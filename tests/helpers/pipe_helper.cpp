@@ -1,11 +1,43 @@
 // A small child program for the pipe stream and gateway tests.
 // The first argument picks what it does; the tests check what comes back.
-#include <signal.h>
-#include <unistd.h>
-
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
+
+#ifdef _WIN32
+#include <fcntl.h>
+#include <io.h>
+#else
+#include <unistd.h>
+#endif
+
+extern char** environ;
+
+// A real access violation (not a raised signal), so that a debugger-watched
+// child reports it the way a crashing interpreter would. The pointer is read
+// through volatile, so the compiler cannot turn the store into a trap.
+static void Crash() {
+  volatile int* volatile target = nullptr;
+  *target = 1;
+}
+
+// The tests compare bytes: Windows' text mode would add a CR before each LF.
+static void BinaryStdio() {
+#ifdef _WIN32
+  _setmode(_fileno(stdin), _O_BINARY);
+  _setmode(_fileno(stdout), _O_BINARY);
+#endif
+}
+
+// POSIX only: a grandchild that holds the output open as long, to show that a
+// time-out ends the whole process group. Windows has no such group to end.
+static void ForkGrandchild() {
+#ifndef _WIN32
+  fork();
+#endif
+}
 
 // "\r", "\n" and "\\" in an argument stand for the control characters.
 static std::string Unescape(const char* s) {
@@ -20,18 +52,28 @@ static int Out(const std::string& s) {
 }
 
 int main(int argc, char** argv) {
+  BinaryStdio();
   std::string mode = argc > 1 ? argv[1] : "";
   const char* arg = argc > 2 ? argv[2] : "";
   if (mode == "exit") return atoi(arg);
-  if (mode == "crash") raise(SIGSEGV);
+  if (mode == "crash") Crash();
   if (mode == "print") return Out(Unescape(arg));
-  if (mode == "sleep") {  // with a grandchild that holds the output open as long
-    fork();
-    sleep((unsigned)atoi(arg));
+  if (mode == "sleep") {
+    ForkGrandchild();
+    std::this_thread::sleep_for(std::chrono::seconds(atoi(arg)));
     return 0;
   }
   if (mode == "args") {  // each argument after the mode in brackets
     for (int i = 2; i < argc; i++) Out(std::string("[") + argv[i] + "]\n");
+    return 0;
+  }
+  if (mode == "env") {  // the environment, one variable a line
+    for (char** e = environ; e && *e; e++) Out(std::string(*e) + "\n");
+    return 0;
+  }
+  if (mode == "cat") {  // input to output until the input ends
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, stdin)) > 0;) fwrite(buf, 1, n, stdout);
     return 0;
   }
   return 2;

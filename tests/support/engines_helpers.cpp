@@ -10,6 +10,7 @@
 #include "pl_net.h"
 #include "progdir.h"
 #include "runwrapper.h"
+#include "server_support.h"
 
 std::string EnginesHelperPath() { return std::string(LUMETTA_HELPER_DIR) + "/pipe_helper"; }
 std::string HelperCmd(const std::string& args) { return "\"" + EnginesHelperPath() + "\" " + args; }
@@ -24,10 +25,7 @@ void EnginesWriteFile(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary) << data;
 }
 
-EnginesTempDir::EnginesTempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "lumetta-eng-XXXXXX").string();
-  if (mkdtemp(&pattern[0])) Path = pattern;
-}
+EnginesTempDir::EnginesTempDir() : Path(srvtest::MakeTempDir("lumetta-eng-")) {}
 
 EnginesTempDir::~EnginesTempDir() {
   std::error_code ec;

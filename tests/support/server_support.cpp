@@ -16,14 +16,16 @@ namespace srvtest {
 
 const unsigned kLoopback = 0x7f000001;
 
-ScratchDir::ScratchDir() {
+std::string MakeTempDir(const std::string& prefix) {
   static std::atomic<int> counter{0};
   std::random_device rd;
   fs::path p;
-  do p = fs::temp_directory_path() / ("lumetta-srv-" + std::to_string(rd()) + "-" + std::to_string(counter++));
+  do p = fs::temp_directory_path() / (prefix + std::to_string(rd()) + "-" + std::to_string(counter++));
   while (!fs::create_directory(p));
-  Root = p.string();
+  return p.string();
 }
+
+ScratchDir::ScratchDir() : Root(MakeTempDir("lumetta-srv-")) {}
 
 ScratchDir::~ScratchDir() {
   std::error_code ec;

@@ -9,6 +9,10 @@
 
 namespace srvtest {
 
+// Creates a fresh directory below the system's temporary directory, named by
+// prefix and a random part; returns its path.
+std::string MakeTempDir(const std::string& prefix);
+
 // A fresh directory below the system's temporary directory, removed with
 // everything in it when the object goes.
 class ScratchDir {
