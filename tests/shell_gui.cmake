@@ -9,7 +9,16 @@ if(TARGET lumetta-serve)
       LABELS "shell_serve" SKIP_RETURN_CODE 77 TIMEOUT 120)
   endforeach()
 endif()
-if(TARGET lumetta)
+if(TARGET lumetta AND WIN32)
+  # The Windows player under wine (the tests need no emulator of their own).
+  foreach(case window fading missing-ini)
+    add_test(NAME shell_wine_${case}
+      COMMAND bash ${CMAKE_SOURCE_DIR}/tests/gui/wine_player_test.sh
+              $<TARGET_FILE_DIR:lumetta> ${CMAKE_SOURCE_DIR} ${case})
+    set_tests_properties(shell_wine_${case} PROPERTIES
+      LABELS "shell_gui" SKIP_RETURN_CODE 77 TIMEOUT 120 RUN_SERIAL ON)
+  endforeach()
+elseif(TARGET lumetta)
   foreach(case window no-statusbar borderless port-taken bad-options demo)
     add_test(NAME shell_gui_${case}
       COMMAND bash ${CMAKE_SOURCE_DIR}/tests/gui/player_test.sh

@@ -67,3 +67,12 @@ write_ini() {
   local f=$1; shift
   { echo "[Lumetta]"; printf '%s\n' "$@"; } > "$f"
 }
+
+# The player (PLAYER_PID) ends within 15 s with exit code 0.
+expect_exit_0() {
+  local tries=150
+  while kill -0 "$PLAYER_PID" 2>/dev/null && (( tries-- > 0 )); do sleep 0.1; done
+  kill -0 "$PLAYER_PID" 2>/dev/null && fail "player still running"
+  wait "$PLAYER_PID"; local rc=$?
+  [[ $rc == 0 ]] || fail "exit code $rc"
+}
