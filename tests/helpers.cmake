@@ -23,3 +23,4 @@ endif()
 if(TARGET lumetta_testsupport AND TARGET lumetta_engines)
   target_link_libraries(lumetta_testsupport PUBLIC lumetta_engines)
 endif()
+

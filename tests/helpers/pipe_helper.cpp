@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -70,6 +71,23 @@ int main(int argc, char** argv) {
   if (mode == "env") {  // the environment, one variable a line
     for (char** e = environ; e && *e; e++) Out(std::string(*e) + "\n");
     return 0;
+  }
+  if (mode == "cwd") {  // the working directory, one line, into the file named
+    std::string dir = std::filesystem::current_path().string() + "\n";
+    FILE* f = fopen(arg, "wb");
+    if (!f) return 1;
+    fwrite(dir.data(), 1, dir.size(), f);
+    return fclose(f) == 0 ? 0 : 1;
+  }
+  if (mode == "cgi-echo") {  // a CGI reply: its environment, a blank line, then its input
+    // CONTENT_LENGTH bytes first, as an interpreter does: the gateway writes
+    // the whole body before it reads, and keeps the input open.
+    const char* length = getenv("CONTENT_LENGTH");
+    std::string input(length ? size_t(atol(length)) : 0, '\0');
+    input.resize(fread(&input[0], 1, input.size(), stdin));
+    Out("Content-Type: text/plain\r\n\r\n");
+    for (char** e = environ; e && *e; e++) Out(std::string(*e) + "\n");
+    return Out("\n" + input);
   }
   if (mode == "cat") {  // input to output until the input ends
     char buf[4096];

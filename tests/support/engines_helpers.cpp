@@ -10,9 +10,10 @@
 #include "pl_net.h"
 #include "progdir.h"
 #include "runwrapper.h"
+#include "portable.h"
 #include "server_support.h"
 
-std::string EnginesHelperPath() { return std::string(LUMETTA_HELPER_DIR) + "/pipe_helper"; }
+std::string EnginesHelperPath() { return TestExeName(std::string(LUMETTA_HELPER_DIR) + "/pipe_helper"); }
 std::string HelperCmd(const std::string& args) { return "\"" + EnginesHelperPath() + "\" " + args; }
 
 std::string EnginesReadFile(const std::string& path) {

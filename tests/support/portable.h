@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "pl_dl.h"
 #include "pl_fs.h"
 #include "pl_process.h"
 
@@ -28,6 +29,13 @@ inline std::string TestNativePath(std::string path) {
     for (char& c : path)
       if (c == '/') c = '\\';
   return path;
+}
+
+// True when the run-time library (one of PlDlOpen's names) can be loaded here.
+inline bool TestLibraryPresent(const char* names) {
+  void* lib = PlDlOpen(names);
+  PlDlClose(lib);
+  return lib != nullptr;
 }
 
 // Sets or (value null) removes an environment variable of the test process.

@@ -22,7 +22,9 @@ std::string MakeTempDir(const std::string& prefix) {
   fs::path p;
   do p = fs::temp_directory_path() / (prefix + std::to_string(rd()) + "-" + std::to_string(counter++));
   while (!fs::create_directory(p));
-  return p.string();
+  // With "/" throughout: Windows takes it too, and paths joined with "/" by
+  // the tests stay in one form (and can travel in a URL unchanged).
+  return p.generic_string();
 }
 
 ScratchDir::ScratchDir() : Root(MakeTempDir("lumetta-srv-")) {}
@@ -157,7 +159,7 @@ void TestServer::Start() {
 std::string TestServer::LogText() const {
   std::string all;
   for (const auto& e : fs::directory_iterator(LogDir.Path())) {
-    std::ifstream in(e.path(), std::ios::binary);
+    std::ifstream in(e.path());  // text mode: the platform's line ends read as "\n"
     all += std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
   return all;

@@ -10,7 +10,7 @@
 namespace srvtest {
 
 // Creates a fresh directory below the system's temporary directory, named by
-// prefix and a random part; returns its path.
+// prefix and a random part; returns its path, written with "/".
 std::string MakeTempDir(const std::string& prefix);
 
 // A fresh directory below the system's temporary directory, removed with
