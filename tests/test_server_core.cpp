@@ -48,7 +48,8 @@ bool WriterEngine(void*, void* c) {
   if (q == "err" || q == "why" || q == "force")
     srv->SendError(cl, srv->ErrMsg404, q == "err" ? nullptr : "why", q == "force" ? 1 : 0);
   long long size = std::max(0LL, (long long)cl->QueryStr.FileSize());
-  if (q[0] == '/' && srv->SendHeader(cl, (int)size, "application/octet-stream", nullptr, 0, 0))
+  bool isPath = q.find('/') != std::string::npos;  // "/tmp/x" or "C:/x"
+  if (isPath && srv->SendHeader(cl, (int)size, "application/octet-stream", nullptr, 0, 0))
     srv->SendFile(cl, q.c_str());
   return true;
 }

@@ -7,6 +7,9 @@
 #include <filesystem>
 #include <string>
 
+#include <cstring>
+
+#include "portable.h"
 #include "server_support.h"
 
 using namespace srvtest;
@@ -29,7 +32,10 @@ class SecurityTest : public ::testing::Test {
         {"sub", "home/linkdir_in"}, {"../../secret.txt", "home/docdir/index.html"},
         {"../secret.txt", "vroot/vlink"}};
     Base.MakeDir("home/docdir");
-    for (const auto& l : links) fs::create_symlink(l.target, Base.Join(l.link));
+    // Creating links on Windows needs a privilege tests do not have: the
+    // link cases then meet no link and must still be refused.
+    if (!TestOnWindows())
+      for (const auto& l : links) fs::create_symlink(l.target, Base.Join(l.link));
     Server.Srv().DefDocs.Add("index.html");
     Server.Srv().VdirAdd("/v", Base.Join("vroot").c_str(), HTTPS_OBJF_ENABLED);
     Server.Srv().EngsAdd("/echo", EchoArgsEngine, HTTPS_OBJF_ENABLED);
@@ -89,7 +95,10 @@ TEST_F(SecurityTest, TraversalCorpusNeverLeavesTheRoots) {
   const std::pair<const char*, const char*> inside[] = {
       {"/a.txt", "inside"}, {"/inlink", "inside"}, {"/sub/../a.txt", "inside"},
       {"/linkdir_in/x.txt", "inside sub"}, {"/v/ok.txt", "vdir ok"}};
-  for (const auto& [target, body] : inside) EXPECT_EQ(Get(Server.Port(), target).Body, body) << target;
+  for (const auto& [target, body] : inside)
+    if (!TestOnWindows() || !strstr(target, "link")) {
+      EXPECT_EQ(Get(Server.Port(), target).Body, body) << target;
+    }
 }
 
 TEST_F(SecurityTest, MalformedBodiesGetAStatedReplyOrNone) {

@@ -6,7 +6,10 @@
 
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <unordered_set>
 
+#include "pl_sendfile.h"
 #include "pl_thread.h"
 
 static SOCKET Sock(PlSocket s) { return static_cast<SOCKET>(s); }
@@ -92,17 +95,46 @@ bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port) {
 }
 
 // select has no descriptor-value limit on Windows (the set is a list).
+// Sockets shut down by PlSockShutdownBoth and not yet closed. A shutdown does
+// not wake a thread already waiting in select on the socket (not under wine,
+// and not reliably on Windows either), so waits look here between slices.
+static std::mutex ShutLock;
+static std::unordered_set<SOCKET> ShutSockets;
+
+static bool IsShut(SOCKET s) {
+  std::lock_guard<std::mutex> g(ShutLock);
+  return ShutSockets.count(s) != 0;
+}
+
+void PlSockShutdownBoth(PlSocket s) {
+  if (s == PL_NO_SOCKET) return;
+  {
+    std::lock_guard<std::mutex> g(ShutLock);
+    ShutSockets.insert(Sock(s));
+  }
+  shutdown(Sock(s), SD_BOTH);
+}
+
+// Waits in slices of at most 100 ms, so a shutdown from another thread ends
+// the wait (as readable: the next receive then fails) within one slice.
 int PlSockWaitReadable(PlSocket s, int timeoutSec) {
   if (s == PL_NO_SOCKET) return -1;
-  fd_set set;
-  FD_ZERO(&set);
-  FD_SET(Sock(s), &set);
-  timeval tv;
-  tv.tv_sec = timeoutSec;
-  tv.tv_usec = 0;
-  int r = select(0, &set, nullptr, nullptr, timeoutSec < 0 ? nullptr : &tv);
-  if (r == SOCKET_ERROR) return -1;
-  return r > 0 ? 1 : 0;
+  const long long kSliceMs = 100;
+  long long leftMs = timeoutSec < 0 ? -1 : (long long)timeoutSec * 1000;
+  for (;;) {
+    if (IsShut(Sock(s))) return 1;
+    long long sliceMs = leftMs < 0 || leftMs > kSliceMs ? kSliceMs : leftMs;
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(Sock(s), &set);
+    timeval tv;
+    tv.tv_sec = 0;
+    tv.tv_usec = long(sliceMs * 1000);
+    int r = select(0, &set, nullptr, nullptr, &tv);
+    if (r == SOCKET_ERROR) return -1;
+    if (r > 0) return 1;
+    if (leftMs >= 0 && (leftMs -= sliceMs) <= 0) return 0;
+  }
 }
 
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {
@@ -125,7 +157,12 @@ int PlSockRecv(PlSocket s, void* buf, int n) {
 void PlSockShutdownSend(PlSocket s) { shutdown(Sock(s), SD_SEND); }
 
 void PlSockClose(PlSocket s) {
-  if (s != PL_NO_SOCKET) closesocket(Sock(s));  // also ends a blocked accept
+  if (s == PL_NO_SOCKET) return;
+  {
+    std::lock_guard<std::mutex> g(ShutLock);
+    ShutSockets.erase(Sock(s));  // the number may be handed out again
+  }
+  closesocket(Sock(s));  // also ends a blocked accept
 }
 
 bool PlResolveHost(const char* host, unsigned* addr) {
