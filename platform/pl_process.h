@@ -61,6 +61,10 @@ void PlProcessClose(PlProc* p);
 // environment, which children started with an inherited environment get.
 bool PlSetEnv(const char* name, const char* value);
 
+// Number of open descriptors (POSIX) or handles (Windows) of this process,
+// -1 when it cannot be told; for tests that look for leaks.
+int PlOpenHandleCount();
+
 // True when no ended child of this process is left uncollected (POSIX
 // zombies). Windows keeps no such state: always true there.
 bool PlProcessAllCollected();

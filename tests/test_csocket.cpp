@@ -10,6 +10,7 @@
 #include "loopback_peer.h"
 #include "pl_sendfile.h"
 #include "pl_thread.h"
+#include "portable.h"
 
 namespace {
 
@@ -100,6 +101,7 @@ TEST_F(SocketTest, WritesFailQuietlyOnceThePeerIsGone) {
 // The peer resets the connection: the first receive fails, which is not end
 // of input; the next one reports the end. No reader hands out bytes.
 TEST(SocketFailedReceive, EachReaderStopsAndTheNextReadSeesTheEnd) {
+  if (TestUnderWine()) GTEST_SKIP() << "wine reports a reset connection as its end, not as a failed receive";
   for (int reader = 0; reader < 5; ++reader) {
     SCOPED_TRACE(reader);
     LoopbackPair pair;

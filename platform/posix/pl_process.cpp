@@ -5,6 +5,7 @@
 #include "pl_process.h"
 
 #include <errno.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -347,3 +348,12 @@ bool PlSetEnv(const char* name, const char* value) {
 }
 
 bool PlProcessAllCollected() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+int PlOpenHandleCount() {
+  DIR* d = opendir("/proc/self/fd");
+  if (!d) return -1;
+  int n = 0;
+  while (readdir(d)) n++;
+  closedir(d);
+  return n - 3;  // ".", ".." and the directory's own descriptor
+}

@@ -183,3 +183,8 @@ bool PlSetEnv(const char* name, const char* value) {
 }
 
 bool PlProcessAllCollected() { return true; }
+
+int PlOpenHandleCount() {
+  DWORD n = 0;
+  return GetProcessHandleCount(GetCurrentProcess(), &n) ? int(n) : -1;
+}

@@ -18,6 +18,15 @@ inline bool TestOnWindows() { return PL_PATH_SEP == '\\'; }
 #define SKIP_ON_WINDOWS(reason) \
   if (TestOnWindows()) GTEST_SKIP() << "not on Windows: " << reason
 
+// True when running under wine, whose system differs from Windows in a few
+// places that tests can see.
+inline bool TestUnderWine() {
+  void* ntdll = TestOnWindows() ? PlDlOpen("ntdll.dll") : nullptr;
+  bool wine = ntdll && PlDlSymbol(ntdll, "wine_get_version");
+  PlDlClose(ntdll);
+  return wine;
+}
+
 // A program file name as the platform spells it ("x" or "x.exe").
 inline std::string TestExeName(const std::string& base) {
   return TestOnWindows() ? base + ".exe" : base;
