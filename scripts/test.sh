@@ -23,10 +23,9 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
 build build-asan -DLUMETTA_SANITIZE=address -DLUMETTA_BUILD_GUI=OFF
 ASAN_OPTIONS=detect_leaks=1 ctest --test-dir build-asan --output-on-failure -j "$jobs" -LE nosan
 
-echo "== Windows cross build (mingw-w64): library, engines and lumetta-serve"
-cmake -S . -B build-win -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake \
-  -DLUMETTA_BUILD_GUI=OFF -DLUMETTA_BUILD_TESTS=OFF >/dev/null
-cmake --build build-win -j "$jobs"
+echo "== Windows (mingw-w64): the programs and the test suite, run under wine"
+build build-win -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake -DLUMETTA_CROSS_TESTS=ON
+bash scripts/wine-tests.sh build-win
 
 echo "== ThreadSanitizer (threaded code)"
 build build-tsan -DLUMETTA_SANITIZE=thread -DLUMETTA_BUILD_GUI=OFF

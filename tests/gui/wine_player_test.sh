@@ -20,6 +20,11 @@ if [[ -z ${WINEPREFIX:-} ]]; then
   export WINEPREFIX=$WORK/prefix
   timeout 120 wine wineboot -i >/dev/null 2>&1
 fi
+# Wine's desktop process belongs to the display of the session that started
+# it: wait until an earlier session (other tests, another virtual display)
+# has ended, so this one starts on ours, and end ours with the test.
+timeout 30 wineserver -w
+trap 'cleanup; timeout 30 wineserver -w' EXIT
 # Wine's browser asks to download an HTML engine when it has none: say no
 # before it asks.
 export WINEDLLOVERRIDES="mscoree=;mshtml=b"
@@ -54,7 +59,7 @@ window)
     CLIENT_HEIGHT=300 "HOMEDIR=$WORK/site" "PORT=$PORT"
   start_player "$WORK/log" /INI "$WORK/a.ini" /START docs/a.html
   grep -q '^geometry: client 500x319 .* status 19 caption 1 sizeable 1 .* title Wine Window$' \
-    "$WORK/log" || fail "geometry: $(grep geometry "$WORK/log")"
+    "$WORK/log" || fail "geometry: $(cat "$WORK/log")"
   # The top-level X window wine made for it, as the X server places it.
   geom=$(xwininfo -root -children | sed -n 's/.*"Wine Window": .*  \([0-9]*x[0-9]*+[-0-9]*+[-0-9]*\)  .*/\1/p' | head -1)
   [[ -n $geom ]] || fail "no X window with the caption"
