@@ -32,6 +32,9 @@ trap cleanup EXIT
 log=$(mktemp /tmp/lumetta-wine-ctest.XXXXXX)
 ctest --test-dir "$dir" --output-on-failure -j "$jobs" --timeout 120 2>&1 | tee "$log"
 rc=${PIPESTATUS[0]}
+echo "-- skipped under wine, with their reasons"
+awk '/^[0-9]+\/[0-9]+ Testing: /{name=$3} /: Skipped\r?$/{getline why; print "  " name ": " why}
+     /^SKIP: /{print "  " name ": " substr($0, 7)}' "$dir/Testing/Temporary/LastTest.log" | tr -d '\r'
 total=$(sed -n 's/.*tests passed, \([0-9]*\) tests failed out of \([0-9]*\)/\2/p' "$log")
 failed=$(sed -n 's/.*tests passed, \([0-9]*\) tests failed out of.*/\1/p' "$log")
 skipped=$(grep -c '(Skipped)$' "$log")
