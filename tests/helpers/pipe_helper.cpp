@@ -67,6 +67,12 @@ int main(int argc, char** argv) {
   if (mode == "exit") return atoi(arg);
   if (mode == "crash") Crash();
   if (mode == "print") return Out(Unescape(arg));
+  if (mode == "slow") {  // a CGI page that writes a little, then hangs
+    Out("Content-Type: text/plain\r\n\r\npartial\n");
+    fflush(stdout);
+    std::this_thread::sleep_for(std::chrono::seconds(20));
+    return Out("late\n");
+  }
   if (mode == "sleep") {
     ForkGrandchild();
     std::this_thread::sleep_for(std::chrono::seconds(atoi(arg)));
