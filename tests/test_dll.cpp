@@ -1,6 +1,8 @@
 // Run-time binding against real system libraries.
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "dll.h"
 #include "pl_dl.h"
 #include "portable.h"
@@ -26,6 +28,20 @@ TEST(DllGetAddresses, BindsOnceAndSkipsTheWorkWhenBound) {
   DllFree(h);
   h = nullptr;
   EXPECT_FALSE(DllGetAddresses(&h, "liblumetta-does-not-exist.so.9", (void**)&fnCos, "cos", NULL));
+  EXPECT_EQ(h, nullptr);
+}
+
+// A name may list alternatives (a newer build's library, then an older
+// one's): the first that loads is bound.
+TEST(DllGetAddresses, TakesTheFirstAlternativeThatLoads) {
+  DLLHANDLE h = nullptr;
+  UnaryMath fnSqrt = nullptr;
+  std::string names = std::string("liblumetta-absent-9.so|") + MathLib() + "|" + UnlinkedLib();
+  ASSERT_TRUE(DllGetAddresses(&h, names.c_str(), (void**)&fnSqrt, "sqrt", NULL));
+  EXPECT_DOUBLE_EQ(fnSqrt(9.0), 3.0);
+  DllFree(h);
+  h = nullptr;
+  EXPECT_FALSE(DllGetAddresses(&h, "liblumetta-absent-9.so||", (void**)&fnSqrt, "sqrt", NULL));
   EXPECT_EQ(h, nullptr);
 }
 
