@@ -5,10 +5,11 @@
 #include <cstring>
 #include <string>
 
+#include "cgi_reply.h"
 #include "chttpserver.h"
-#include "clog.h"
 #include "cpipestream.h"
 #include "pl_fs.h"
+#include "pl_thread.h"
 
 unsigned CgiTimeOut = 600;
 
@@ -24,152 +25,30 @@ const int kChunk = 4096;
 const char kPhpOptions[] = "-d cgi.force_redirect=0 -d cgi.fix_pathinfo=1";
 const char kSystemPhpLimits[] = " -d post_max_size=64M -d upload_max_filesize=64M";
 
-void AddVar(CStrList& env, const char* nameEq, const CStr& value) {
-  CStr entry(nameEq);
-  entry.Cat(value);
-  env.Add(entry);
-}
+// The interpreter's standard output, read from its pipe.
+class PipeOutput : public CgiOutput {
+ public:
+  explicit PipeOutput(CPipeStream& pipe) : Pipe(pipe) {}
+  int Read(char* buf, int len) override { return (int)Pipe.Read(buf, (unsigned)len); }
 
-void AddVar(CStrList& env, const char* nameEq, int value) {
-  CStr entry(nameEq);
-  entry.CatInt(value);
-  env.Add(entry);
-}
+ private:
+  CPipeStream& Pipe;
+};
 
-// Copies one of the few variables of our own environment that the
-// interpreter may need, and only when it is set.
-void AddInherited(CStrList& env, const char* name) {
-  const char* value = getenv(name);
-  if (!value) return;
-  CStr entry(name);
-  entry.CatChar('=');
-  entry.Cat(value);
-  env.Add(entry);
-}
+// Drains the interpreter's error output into the log on a thread of its
+// own, beside the relay of its standard output.
+struct ErrorDrain {
+  CPipeStream* Pipe;
+  CgiErrorLog* Log;
 
-// The variables in a fixed order; empty ones stay as "NAME=" entries.
-void BuildEnvironment(CHttpServer* server, HTTPS_CLIENT* c, const CStr& script, CStrList& env) {
-  bool post = c->Method == CHttpServer::HTTPS_MET_POST;
-  CStr port;
-  port.SetInt(server->GetPort());
-  CStr remote = CLog::FormatIP(c->Ip);
-
-  AddInherited(env, "COMSPEC");
-  if (post) {
-    AddVar(env, "CONTENT_LENGTH=", c->PostLen);
-    CStr type = c->ContentType;
-    if (!c->Boundary.IsEmpty()) {
-      type.Cat("; boundary=-");
-      type.Cat(c->Boundary);
-    }
-    AddVar(env, "CONTENT_TYPE=", type);
+  static unsigned Run(void* self) {
+    ErrorDrain* d = static_cast<ErrorDrain*>(self);
+    char buf[kChunk];
+    unsigned n;
+    while ((n = d->Pipe->ReadErr(buf, sizeof buf)) > 0) d->Log->Add(buf, (int)n);
+    return 0;
   }
-  AddVar(env, "QUERY_STRING=", c->QueryStr);
-  AddVar(env, "DOCUMENT_ROOT=", server->GetHomeDir());
-  env.Add("GATEWAY_INTERFACE=CGI/1.1");
-  AddVar(env, "HTTP_ACCEPT=", c->InAccept);
-  AddVar(env, "HTTP_ACCEPT_LANGUAGE=", c->AcceptLanguage);
-  env.Add("HTTP_ACCEPT_ENCODING=");
-  AddVar(env, "HTTP_CONNECTION=", c->InConnection);
-  AddVar(env, "HTTP_COOKIE=", c->InCookies);
-  AddVar(env, "HTTP_HOST=", c->Host);
-  AddVar(env, "HTTP_REFERER=", c->Referer);
-  env.Add("HTTPS=");
-  env.Add("HTTP_UA_CPU=x86");
-  AddVar(env, "HTTP_USER_AGENT=", c->InUserAgent);
-  AddInherited(env, "PATH");
-  env.Add("PATH_INFO=");
-  env.Add("PATH_TRANSLATED=");
-  AddVar(env, "REMOTE_ADDR=", remote);
-  AddVar(env, "REMOTE_HOST=", remote);
-  AddVar(env, "REMOTE_PORT=", (int)c->Port);
-  AddVar(env, "REQUEST_METHOD=", CStr(server->GetMethodStr(c->Method)));
-  AddVar(env, "REQUEST_URI=", c->Arg);
-  AddVar(env, "SCRIPT_FILENAME=", script);
-  AddVar(env, "SCRIPT_NAME=", c->Arg);
-  AddVar(env, "SERVER_ADDR=", CLog::FormatIP(c->LocalIp));
-  env.Add("SERVER_NAME=localhost");
-  AddVar(env, "SERVER_PORT=", port);
-  CStr signature("SERVER_SIGNATURE=<ADDRESS>Lumetta/1.0.3 Server at localhost Port ");
-  signature.Cat(port);
-  signature.Cat("</ADDRESS>");
-  env.Add(signature);
-  env.Add("SERVER_PROTOCOL=HTTP/1.1");
-  env.Add("SERVER_SOFTWARE=Lumetta/1.0.3 (Windows)");
-  AddInherited(env, "SystemDrive");
-  AddInherited(env, "SystemRoot");
-  AddInherited(env, "TEMP");
-  AddInherited(env, "TMP");
-}
-
-bool StartsWithIC(const char* text, int len, const char* prefix) {
-  int n = (int)strlen(prefix);
-  if (len < n) return false;
-  for (int i = 0; i < n; i++)
-    if (tolower((unsigned char)text[i]) != tolower((unsigned char)prefix[i])) return false;
-  return true;
-}
-
-// The interpreter's first piece of output decides the status line: a leading
-// "Status:" line becomes "HTTP/1.1 <text>", anything else gets 200 OK. Our
-// Server and Date lines follow; the interpreter's own headers come after.
-void SendFirstChunk(CHttpServer* server, CSocket* sock, const char* buf, int len) {
-  const char* rest = buf;
-  const char* end = buf + len;
-  bool statusSent = false;
-  if (StartsWithIC(buf, len, "Status:")) {
-    const void* eol = memchr(buf, '\r', (size_t)len);
-    if (!eol) eol = memchr(buf, '\n', (size_t)len);
-    CStr line("HTTP/1.1 ");
-    if (eol) {
-      // One character after the colon is always skipped, blank or not.
-      const char* lineEnd = static_cast<const char*>(eol);
-      if (lineEnd > buf + 8) line.Cat(buf + 8, (int)(lineEnd - (buf + 8)));
-      rest = lineEnd + 1;
-      if (rest < end && (*rest == '\n' || *rest == '\r')) rest++;
-    } else {
-      // A status line cut off by the chunk's end is dropped with the chunk;
-      // long-standing behaviour that pages rely on not at all, kept as is.
-      line.Cat("200 OK");
-      rest = end;
-    }
-    line.Cat("\r\n");
-    sock->Puts(line);
-    statusSent = true;
-  }
-  if (!statusSent) sock->Puts("HTTP/1.1 200 OK\r\n");
-  CStr head("Server: ");
-  head.Cat(server->ServerName);
-  head.Cat("\r\nDate: ");
-  head.Cat(CHttpServer::Time(nullptr));
-  head.Cat("\r\n");
-  sock->Puts(head);
-  if (rest < end) sock->Write(rest, (int)(end - rest));
-}
-
-// The first piece is read until it holds a line end, fills the buffer or
-// the output ends: php-cgi writes its "Status: ..." text and the CR LF after
-// it separately, and a piece cut between them would lose the status.
-int ReadFirstChunk(CPipeStream& pipe, char* buf) {
-  int len = 0;
-  while (len < kChunk) {
-    unsigned n = pipe.Read(buf + len, (unsigned)(kChunk - len));
-    if (n == 0) break;
-    bool lineEnd = memchr(buf + len, '\r', n) || memchr(buf + len, '\n', n);
-    len += (int)n;
-    if (lineEnd) break;
-  }
-  return len;
-}
-
-void Relay(CHttpServer* server, CSocket* sock, CPipeStream& pipe) {
-  char buf[kChunk];
-  int first = ReadFirstChunk(pipe, buf);
-  if (first == 0) return;  // nothing written: nothing is sent
-  SendFirstChunk(server, sock, buf, first);
-  unsigned n;
-  while ((n = pipe.Read(buf, sizeof buf)) > 0) sock->Write(buf, (int)n);
-}
+};
 
 // True when path lies inside dir once links are resolved: the dispatcher
 // has checked the request path as text, this keeps a link inside the home
@@ -225,7 +104,7 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
   }
 
   CStrList env;
-  BuildEnvironment(server, client, script, env);
+  CgiBuildEnvironment(server, client, script, env);
   CStr cmd = CommandLine(obj, script);
   CStr dir = script;
   dir.FilePath();
@@ -234,10 +113,13 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
   pipe.Set();
   pipe.TimeOut = CgiTimeOut;
   server->PrintLog(client->Ip, "CGI Start %s", cmd.c_str());
-  bool post = client->Method == CHttpServer::HTTPS_MET_POST;
+  bool body = CHttpServer::HasRequestBody(client->Method);
   pipe.Open(cmd.c_str(), dir.c_str(), &env,
-            CPIPE_BINARY | CPIPE_NOWINDOW | CPIPE_READ | (post ? CPIPE_WRITE : 0));
-  if (post && client->Cgi && client->PostLen > 0) {
+            CPIPE_BINARY | CPIPE_NOWINDOW | CPIPE_READ | CPIPE_STDERR | (body ? CPIPE_WRITE : 0));
+  CgiErrorLog errors(server, client->Ip, client->Arg);
+  ErrorDrain drain{&pipe, &errors};
+  PlThread* drainThread = PlThreadStart(ErrorDrain::Run, &drain);
+  if (body && client->Cgi && client->PostLen > 0) {
     int len = client->PostLen < client->Cgi->ArgsRaw.Len ? client->PostLen : client->Cgi->ArgsRaw.Len;
     try {
       if (len > 0) pipe.Write(client->Cgi->ArgsRaw.Str, (unsigned)len);
@@ -246,8 +128,13 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
       // (usually the reason) still goes to the client.
     }
   }
-  Relay(server, client->Socket, pipe);
+  PipeOutput output(pipe);
+  CgiSendReply(server, client, output);
   pipe.Wait();  // the end of the output comes just before the child's end state
+  if (drainThread) {
+    PlThreadWait(drainThread, PL_INFINITE);  // the error pipe ends with the child
+    PlThreadClose(drainThread);
+  }
   if (pipe.GetStatus() & CPIPE_ST_TIMEDOUT) {
     server->PrintLog(client->Ip, "CGI Time-out %s", cmd.c_str());
     return false;

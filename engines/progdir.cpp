@@ -1,3 +1,5 @@
+// ExpandTokens: puts the program's directory where a settings value or a run
+// request names it by token.
 #include "progdir.h"
 
 #include <cstring>

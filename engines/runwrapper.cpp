@@ -1,3 +1,5 @@
+// The run wrapper behind "/run.ebd": reads the request's arguments, asks the
+// desktop to open the file, folder or program, and redirects to the next page.
 #include "runwrapper.h"
 
 #include "chttpserver.h"

@@ -1,3 +1,5 @@
+// CArg: splits a line into fields at separator characters, honouring quotes,
+// and reads the fields back as text or numbers.
 #include "carg.h"
 
 #include <cstdlib>

@@ -81,6 +81,31 @@ CStr Literal(const char* value) { return value ? Quoted(value, '\'') : CStr("NUL
 
 bool Missing(const char* s) { return !s || !*s; }
 
+// A possibly qualified table name ("main.t"), each part a quoted identifier.
+CStr TableRef(const char* table) {
+  CStr ref;
+  for (const char* part = table;;) {
+    const char* dot = strchr(part, '.');
+    CStr name;
+    name.Cat(part, dot ? (int)(dot - part) : (int)strlen(part));
+    ref += Ident(name.c_str());
+    if (!dot) return ref;
+    ref += ".";
+    part = dot + 1;
+  }
+}
+
+// Digits with an optional minus sign, short enough to stay an integer.
+bool LooksInteger(const char* s) {
+  if (*s == '-') ++s;
+  size_t digits = strspn(s, "0123456789");
+  return digits > 0 && digits <= 18 && s[digits] == 0;
+}
+
+// A key written bare compares as a number, also against a column without a
+// declared type; only digits are let through bare, anything else is quoted.
+CStr NumberOrLiteral(const char* key) { return LooksInteger(key) ? CStr(key) : Literal(key); }
+
 // "name" = 'value' pairs, or names and values in two lists, from the
 // NULL-ended (name, value) arguments.
 void CollectColumns(va_list ap, CStr& names, CStr& values, CStr& assignments) {
@@ -154,9 +179,9 @@ bool CDatabase::Exec(const char* sql) {
 }
 
 bool CDatabase::TableExist(const char* table) {
-  if (Missing(table)) throw "Missing table name";
+  if (Missing(table)) return false;
   NeedOpen();
-  CStr sql = CStr("SELECT * FROM ") + Ident(table) + " LIMIT 0;";
+  CStr sql = CStr("SELECT * FROM ") + TableRef(table) + " LIMIT 0;";
   CDB_CALLBACK saved = CallBack;
   CallBack = nullptr;
   bool ok = Exec(sql);
@@ -187,6 +212,7 @@ bool CDatabase::Update(const char* table, const char* key, ...) {
   va_start(ap, key);
   CollectColumns(ap, names, values, assignments);
   va_end(ap);
+  // The key is compared as text here, unlike Delete's.
   CStr sql = CStr("UPDATE ") + Ident(table) + " SET " + assignments + " WHERE " +
              Ident(PriKeyName.c_str()) + " = " + Literal(key) + ";";
   return Exec(sql);
@@ -197,7 +223,7 @@ bool CDatabase::Delete(const char* table, const char* key) {
   if (!key || PriKeyName.IsEmpty()) throw "Missing primary key";
   NeedOpen();
   CStr sql = CStr("DELETE FROM ") + Ident(table) + " WHERE " + Ident(PriKeyName.c_str()) + " = " +
-             Literal(key) + ";";
+             NumberOrLiteral(key) + ";";
   return Exec(sql);
 }
 
@@ -235,6 +261,7 @@ bool CDatabase::BlobPutID(const char* table, const char* column, const char* key
                           int len) {
   if (!Db || Missing(table) || Missing(column) || !key || PriKeyName.IsEmpty() || !data || len <= 0)
     return false;
+  // As in Update, the key is compared as text.
   CStr sql = CStr("UPDATE ") + Ident(table) + " SET " + Ident(column) + " = ? WHERE " +
              Ident(PriKeyName.c_str()) + " = " + Literal(key) + ";";
   return PutEncoded(sql, data, len);
@@ -255,18 +282,23 @@ char* CDatabase::BlobGet(const char* table, const char* column, long long rowid,
   Api.blob_close(blob);
   buf[ok && bytes > 0 ? bytes : 0] = 0;
   unsigned char* bytesIn = reinterpret_cast<unsigned char*>(buf);
-  int decoded = ok ? DecodeBinary(bytesIn, bytesIn) : -1;
-  if (decoded < 0) {
+  if (!ok) {
     delete[] buf;
     return nullptr;
   }
-  len = decoded;
+  // A value that does not decode still comes back, with len -1, so that the
+  // caller can tell it from a missing row.
+  len = DecodeBinary(bytesIn, bytesIn);
   return buf;
 }
 
 bool CDatabase::BlobGet(const char* table, const char* column, long long rowid, CMem& out) {
   int len = 0;
   char* data = BlobGet(table, column, rowid, len);
+  if (data && len < 0) {
+    delete[] data;
+    data = nullptr;
+  }
   if (!data) return false;
   out.Set(data, (unsigned long long)len);
   return true;

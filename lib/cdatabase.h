@@ -13,10 +13,11 @@
 //
 //   db.Insert("people", "name", "Ann", "age", "31", (const char*)NULL);
 //
-// Values (and the key of Update, Delete and BlobPutID) are quoted as SQL text
-// literals, table and column names as quoted identifiers, embedded quotes
-// doubled, so nothing a user types can end its quotes early. A key compared
-// as text still matches an INTEGER key column through SQLite's affinity.
+// Values are quoted as SQL text literals, table and column names as quoted
+// identifiers, embedded quotes doubled, so nothing a user types can end its
+// quotes early. The key of Update and BlobPutID is compared as text (it
+// still matches an INTEGER key column through SQLite's affinity); Delete's
+// key is compared as a number when it is all digits, else as text.
 #ifndef LUMETTA_CDATABASE_H
 #define LUMETTA_CDATABASE_H
 
@@ -55,7 +56,8 @@ class CDatabase {
   bool Exec(CStr& sql) { return Exec(sql.c_str()); }
   void SetCallBack(CDB_CALLBACK fn, void* arg) { CallBack = fn, CallBackArg = arg; }
   void SetPriKeyName(const char* name) { PriKeyName = name; }
-  // Whether the table can be selected from (the row callback is not called).
+  // Whether the table, which may be qualified ("main.t"), can be selected
+  // from (the row callback is not called). False for an empty name.
   bool TableExist(const char* table);
   long long LastRowID();  // 0 when closed
 
@@ -67,7 +69,9 @@ class CDatabase {
   // Blob columns hold EncodeBinary's text. A rowid of 0 means LastRowID().
   bool BlobPut(const char* table, const char* column, long long rowid, const char* data, int len);
   bool BlobPutID(const char* table, const char* column, const char* key, const char* data, int len);
-  // The decoded bytes in a new[] block the caller deletes (delete[]), or NULL.
+  // The decoded bytes in a new[] block the caller deletes (delete[]), or NULL
+  // when there is no such value. A value that does not decode gives its
+  // block with len -1; the CMem form then returns false.
   char* BlobGet(const char* table, const char* column, long long rowid, int& len);
   bool BlobGet(const char* table, const char* column, long long rowid, CMem& out);
 

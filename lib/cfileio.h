@@ -1,12 +1,14 @@
-// Whole-file reads and writes shared by CStr and CMem.
+// Whole-file reads and writes, shared by the file helpers of CStr and CMem.
 #ifndef LUMETTA_CFILEIO_H
 #define LUMETTA_CFILEIO_H
 
-// Reads the whole file into a new[] block with `extra` spare bytes after the
-// data (NULL block for an empty file). False when the name is empty, the
-// file can't be opened, its size is above maxSize or the read comes up short.
+// Reads a whole file into a new[] block followed by `extra` unused bytes, so
+// that the caller can add a terminator; an empty file gives a NULL block and
+// succeeds. Fails for an empty name, a file that won't open, one larger than
+// maxSize, or one that yields fewer bytes than its size promised.
 bool ReadWholeFile(const char* name, long long maxSize, int extra, char** block, long long* size);
-// Writes n bytes to a new file; true when all were written and closed.
+// Creates (or truncates) the file and writes n bytes; true only when every
+// byte was written and the file closed cleanly.
 bool WriteWholeFile(const char* name, const void* p, long long n);
 
 #endif

@@ -49,7 +49,10 @@ CHttpClient::~CHttpClient() { delete Socket; }
 
 void CHttpClient::ParseUrl(CStr url) {
   url.Trim(" \t\r\n");
-  if (url.First() == '/') {  // same server, new path
+  // A Location that is only a path names another resource on the same server.
+  // Servers send such relative targets and HTTP allows them, so the redirect
+  // is followed with host, port and credentials kept.
+  if (url.First() == '/') {
     Uri = url;
   } else {
     if (StartsWithIC(url, "http://")) url = url.Right(7);
@@ -144,20 +147,20 @@ void CHttpClient::ReadHeaders(bool& lengthKnown) {
   }
 }
 
+// The input ended early: the callback's refusal, or a lost connection.
+void CHttpClient::FailReceive() { Fail(AbortedByUser ? CERR_GEN_ABORTED : CERR_HTTPCLI_RECV); }
+
 // Reads count bytes (or, with toEnd, everything until the connection
-// closes) into body, reporting progress piece by piece.
+// closes) into body. Progress comes from the socket's refills.
 void CHttpClient::ReadCounted(CMemList& body, char* buf, long long count, bool toEnd) {
   int block = (int)(BlockSize < kMaxBlock ? BlockSize : kMaxBlock);
   while (toEnd || count > 0) {
     int want = toEnd || count > block ? block : (int)count;
     int got = Socket->Read(buf, want);
-    if (got > 0) {
-      body.AddCopy(buf, (unsigned long long)got);
-      if (!_GetCallBack(this, got)) Fail(CERR_GEN_ABORTED);
-    }
+    if (got > 0) body.AddCopy(buf, (unsigned long long)got);
     if (got < want) {
-      if (toEnd) return;
-      Fail(CERR_HTTPCLI_RECV);  // the connection ended inside the body
+      if (toEnd && !AbortedByUser) return;
+      FailReceive();  // the connection ended inside the body
     }
     count -= got;
   }
@@ -169,7 +172,8 @@ void CHttpClient::ReadChunked(CMemList& body, char* buf) {
     Socket->Gets(line);
     line.Trim(" \t\r\n");
     char* end = nullptr;
-    long long size = line.IsEmpty() ? -1 : strtoll(line.c_str(), &end, 16);
+    if (line.IsEmpty()) FailReceive();
+    long long size = strtoll(line.c_str(), &end, 16);
     if (size < 0 || end == line.c_str() || (*end && *end != ';' && *end != ' ')) Fail(CERR_HTTPCLI_RECV);
     if (size == 0) break;
     ReadCounted(body, buf, size, false);
@@ -180,15 +184,26 @@ void CHttpClient::ReadChunked(CMemList& body, char* buf) {
   while (!line.IsEmpty() && !IsBlankLine(line));
 }
 
-CMem* CHttpClient::ReadBody(bool lengthKnown) {
+// Progress follows the socket: the callback hears of every refill of its
+// 4 KiB input buffer (chunk framing included). The refill that ended the
+// headers may already hold body bytes; they are reported first.
+void CHttpClient::WatchProgress() {
   CurLen = 0;
+  Socket->ReadCallBack = _GetCallBack;
+  Socket->ReadCallBackArg = this;
+  int buffered = Socket->GetBufFree();
+  if (buffered > 0 && !_GetCallBack(this, buffered)) Fail(CERR_GEN_ABORTED);
+}
+
+// The body, or NULL when it is empty.
+CMem* CHttpClient::ReadBody(bool lengthKnown) {
+  WatchProgress();
   int block = (int)(BlockSize < kMaxBlock ? BlockSize : kMaxBlock);
   std::unique_ptr<char[]> buf(new char[(size_t)block]);
   CMemList body;
   if (TransferEnc) ReadChunked(body, buf.get());
   else ReadCounted(body, buf.get(), TotalLen, !lengthKnown);
-  CMem* all = body.ToCMem();
-  return all ? all : new CMem();
+  return body.ToCMem();
 }
 
 CMem* CHttpClient::Get() {

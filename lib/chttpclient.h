@@ -4,7 +4,7 @@
 // progress through a callback that can stop the transfer.
 //
 // Results and failures of Get():
-//   200          the body as a new CMem (empty, not NULL, for an empty body)
+//   200          the body as a new CMem, NULL when it is empty
 //   400 to 417   NULL, with the status in ErrCode: the server answered, and
 //                the caller decides (404 is an answer, not a failure)
 //   302          followed (up to 20 times in a row; one more throws 209)
@@ -24,8 +24,9 @@
 #include "csocket.h"
 #include "cstr.h"
 
-// Progress: (user pointer, body bytes so far, Content-Length or 0 when the
-// length is not known in advance). Returning false stops the transfer.
+// Progress, after every refill of the socket's 4 KiB buffer: (user pointer,
+// body bytes received so far, Content-Length or 0 when the length is not
+// known in advance). Returning false stops the transfer.
 typedef bool (*CHTTPCLIENT_PROGRESS)(void* arg, int done, int total);
 
 class CHttpClient {
@@ -66,8 +67,8 @@ class CHttpClient {
   int GetPort() const { return Port; }
   void SetBlockSize(long long size) { BlockSize = size > 0 ? size : 65536; }
 
-  // Progress hook with the socket read-observer's signature: counts n more
-  // body bytes and asks GetCallBack whether to go on.
+  // The socket's read observer while the body comes in: counts n more
+  // bytes and asks GetCallBack whether to go on.
   static bool _GetCallBack(void* client, int n);
 
  private:
@@ -76,6 +77,8 @@ class CHttpClient {
   int ReadStatus();
   CStr ReadLocation();
   void ReadHeaders(bool& lengthKnown);
+  void WatchProgress();
+  [[noreturn]] void FailReceive();
   CMem* ReadBody(bool lengthKnown);
   void ReadChunked(CMemList& body, char* buf);
   void ReadCounted(CMemList& body, char* buf, long long count, bool toEnd);

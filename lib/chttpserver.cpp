@@ -4,10 +4,13 @@
 
 #include <atomic>
 #include <climits>
+#include <deque>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "pl_fs.h"
+#include "pl_process.h"
 #include "pl_sendfile.h"
 
 namespace {
@@ -29,6 +32,20 @@ const unsigned kClientDrainMs = 5000;
 const unsigned kWorkerIdleMs = 2000;
 const size_t kIdleWorkersMax = 64;
 
+// Descriptors kept free below the process's limit for what serving a
+// request opens besides its socket: files, pipes to PHP, the log.
+int ConnCapFor(int openFileLimit) {
+  int spare = openFileLimit / 8 > 64 ? openFileLimit / 8 : 64;
+  int cap = openFileLimit - spare;
+  return cap < 16 ? 16 : cap;
+}
+
+// The whole request head must be in by then, however it trickles in: a
+// connection that holds a thread without asking for anything is let go.
+const int kHeadDeadlineMs = 15000;
+
+const char kBusyLine[] = "HTTP/1.1 503 Service Unavailable\r\n";
+
 }  // namespace
 
 // One connection thread. It serves one connection at a time, each from its
@@ -46,10 +63,38 @@ struct LiveClients {
   PlEvent NoneLeft;  // set while Threads is 0
   std::unordered_set<PlSocket> Sockets;
   std::vector<ConnWorker*> Idle;
+  // Connections still waiting for their request head, oldest first: the
+  // first to go when the cap is reached. An entry is live while InHead
+  // holds its arrival number; older ones are dropped as they surface.
+  std::unordered_map<PlSocket, uint64_t> InHead;
+  std::deque<std::pair<uint64_t, PlSocket>> HeadOrder;
+  uint64_t Arrivals = 0;
+  std::unordered_set<PlSocket> Evicted;  // shut down, not yet closed
   int Threads = 0;
   bool Stopping = false;
   LiveClients() { NoneLeft.Set(); }
 };
+
+namespace {
+
+// Called with the lock held.
+void ForgetSocket(LiveClients& live, PlSocket sock) {
+  live.Sockets.erase(sock);
+  live.InHead.erase(sock);
+  live.Evicted.erase(sock);
+}
+
+// Pops entries of connections that are past their head from the front, so
+// the queue only ever spans the oldest connection still waiting for one.
+void DropFinishedHeads(LiveClients& live) {
+  while (!live.HeadOrder.empty()) {
+    auto it = live.InHead.find(live.HeadOrder.front().second);
+    if (it != live.InHead.end() && it->second == live.HeadOrder.front().first) break;
+    live.HeadOrder.pop_front();
+  }
+}
+
+}  // namespace
 
 CHttpServer::CHttpServer() : Log(nullptr) { Init(); }
 
@@ -84,6 +129,8 @@ void CHttpServer::Init() {
   ErrMsg411.Message = "411 Length Required";
   ErrMsg413.Message = "413 Request Entity Too Large";
   ErrMsg500.Message = "500 Internal Server Error";
+  ErrMsg414.Message = "414 URI Too Long";
+  ErrMsg431.Message = "431 Request Header Fields Too Large";
   CacheExpire = 18000;
   OnCgi = nullptr;
   OnConnect = nullptr;
@@ -96,6 +143,8 @@ void CHttpServer::Init() {
   HomeDir = PlRootDir();
   DirCss.Empty();
   MaxConn = INT_MAX;
+  ConnCap = INT_MAX;
+  HeadDeadlineMs = kHeadDeadlineMs;
   ListeningSock = PL_NO_SOCKET;
   ListeningAddr = 0;
   Port = 80;
@@ -142,7 +191,12 @@ bool CHttpServer::HandOver(HTTPS_CLIENT* client) {
   ConnWorker* w;
   {
     PlLock g(Live->Lock);
-    Live->Sockets.insert(client->Socket->Socket);
+    const PlSocket sock = client->Socket->Socket;
+    Live->Sockets.insert(sock);
+    const uint64_t arrival = ++Live->Arrivals;
+    Live->InHead[sock] = arrival;
+    Live->HeadOrder.emplace_back(arrival, sock);
+    DropFinishedHeads(*Live);
     if (!Live->Idle.empty()) {
       w = Live->Idle.back();
       Live->Idle.pop_back();
@@ -165,7 +219,7 @@ bool CHttpServer::HandOver(HTTPS_CLIENT* client) {
   if (!thread) {
     delete w;
     PlLock g(Live->Lock);
-    Live->Sockets.erase(client->Socket->Socket);
+    ForgetSocket(*Live, client->Socket->Socket);
     WorkerGone();
     return false;
   }
@@ -230,7 +284,34 @@ void CHttpServer::WorkerGone() {
 // is never shut down by DrainClients.
 void CHttpServer::ClientSocketClosing(HTTPS_CLIENT* client) {
   PlLock g(Live->Lock);
-  Live->Sockets.erase(client->Socket->Socket);
+  ForgetSocket(*Live, client->Socket->Socket);
+}
+
+// The head is in (or will never come): the connection is no longer one to
+// drop for a newcomer.
+void CHttpServer::HeadDone(HTTPS_CLIENT* client) {
+  PlLock g(Live->Lock);
+  Live->InHead.erase(client->Socket->Socket);
+}
+
+// Under the cap every connection is taken. At the cap, the connection that
+// has waited longest for its request head makes room; when every one is
+// busy with a request, the newcomer is refused. Only counts and a shutdown
+// happen here, on the accepting thread.
+bool CHttpServer::AdmitConnection() {
+  PlLock g(Live->Lock);
+  if ((long long)Live->Sockets.size() - (long long)Live->Evicted.size() < ConnCap) return true;
+  while (!Live->HeadOrder.empty()) {
+    std::pair<uint64_t, PlSocket> oldest = Live->HeadOrder.front();
+    Live->HeadOrder.pop_front();
+    auto it = Live->InHead.find(oldest.second);
+    if (it == Live->InHead.end() || it->second != oldest.first) continue;
+    Live->InHead.erase(it);
+    Live->Evicted.insert(oldest.second);
+    PlSockShutdownBoth(oldest.second);
+    return true;
+  }
+  return false;
 }
 
 // ---------------------------------------------------------------- registry
@@ -319,6 +400,10 @@ void CHttpServer::SetMaxPostLen(int n) {
   if (n > 0) MaxPostLen = n;
 }
 
+void CHttpServer::SetHeadDeadlineMs(int ms) {
+  if (ms > 0) HeadDeadlineMs = ms;
+}
+
 bool CHttpServer::SetDir(CStr& field, CStr path) {
   path.NativePath();
   if (!path.DirExist()) return false;
@@ -357,6 +442,7 @@ bool CHttpServer::StartListening() {
 bool CHttpServer::StartAccepting() {
   if (IsAccepting) return true;
   if (!IsListening) return false;
+  ConnCap = ConnCapFor(PlOpenFileLimit());
   AcceptingThread = PlThreadStart(StartAcceptingEx, this, 0);
   IsAccepting = AcceptingThread != nullptr;
   return IsAccepting;
@@ -409,22 +495,19 @@ void CHttpServer::AcceptOne(PlSocket sock, unsigned remoteAddr, unsigned short r
       return;
     }
   }
+  if (!AdmitConnection()) {
+    PlSockSend(sock, kBusyLine, (int)sizeof kBusyLine - 1);
+    PlSockShutdownSend(sock);
+    PlSockClose(sock);
+    return;
+  }
   HTTPS_CLIENT* client = new HTTPS_CLIENT();
   client->CHttpServerEx = this;
-  if (SslEnabled) {
-    try {
-      client->Socket = new CSocket(sock, SslCtx);
-    } catch (...) {
-      if (OnSslError) OnSslError(client, 1);
-      delete client;
-      return;
-    }
-  } else {
-    client->Socket = new CSocket(sock);
-    // A reply is a header, a body and a close: let them leave together
-    // instead of as one packet per write. The close flushes what is held.
-    PlSockCork(sock);
-  }
+  client->Socket = new CSocket(sock);
+  // A reply is a header, a body and a close: let them leave together
+  // instead of as one packet per write. The close flushes what is held.
+  // TLS starts on the connection thread and needs no cork.
+  if (!SslEnabled) PlSockCork(sock);
   client->Ip = remoteAddr;
   client->Port = remotePort;
   client->LocalIp = localAddr;

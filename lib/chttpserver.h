@@ -100,7 +100,14 @@ struct __https_obj {
 };
 
 // Per-request flag bits (HTTPS_CLIENT::Flags).
-enum { HTTPS_CLIENTF_KEEPALIVE = 1 };
+enum { HTTPS_CLIENTF_KEEPALIVE = 1, HTTPS_CLIENTF_BADLENGTH = 2 };
+
+// Limits of a request head. A line (request line or header, its line end
+// not counted) may hold HTTPS_MAX_LINE_LEN bytes and the whole head, line
+// ends included, HTTPS_MAX_HEAD_LEN: past them the request is refused with
+// 414 or 431, never cut.
+const int HTTPS_MAX_LINE_LEN = 8192;
+const int HTTPS_MAX_HEAD_LEN = 65536;
 
 // One connection and its parsed request; owned by the connection thread.
 struct HTTPS_CLIENT {
@@ -125,6 +132,8 @@ struct HTTPS_CLIENT {
   CStr InConnection;
   CStr InCookies;
   CStr InUserAgent;
+  CStr InOrigin;
+  CStr InSecFetchSite;
   int PostLen;
   int PostType;
   // Null: the accepting thread releases the handle at once, because the
@@ -132,7 +141,14 @@ struct HTTPS_CLIENT {
   PlThread* Thread;
   unsigned long ThreadID;  // set by the connection thread itself
   time_t ModifiedTm;
+  CStr Target;      // the request target as sent: not decoded, query included
+  CStr PathInfo;    // "/a/b" of "/script.php/a/b"; Arg is then "/script.php"
+  CStrList InHeaders;  // every header line as "Name: value", in arrival order
 };
+
+// The value of the first header called name (any case), blanks around it
+// removed; null when the client did not send it.
+const char* HttpsHeader(HTTPS_CLIENT* client, const char* name);
 
 class CHttpServer {
  public:
@@ -140,7 +156,12 @@ class CHttpServer {
     HTTPS_MET_NONE = 0,
     HTTPS_MET_GET = 1,
     HTTPS_MET_POST = 2,
-    HTTPS_MET_UNK = 3
+    HTTPS_MET_UNK = 3,
+    HTTPS_MET_HEAD = 4,
+    HTTPS_MET_PUT = 5,
+    HTTPS_MET_PATCH = 6,
+    HTTPS_MET_DELETE = 7,
+    HTTPS_MET_OPTIONS = 8
   } HTTPS_MET;
   enum HTTPS_POSTENC {
     HTTPS_POSTENC_NONE = 0,
@@ -170,6 +191,8 @@ class CHttpServer {
   HTTPS_ERRMSG ErrMsg411;
   HTTPS_ERRMSG ErrMsg413;
   HTTPS_ERRMSG ErrMsg500;
+  HTTPS_ERRMSG ErrMsg414;
+  HTTPS_ERRMSG ErrMsg431;
   time_t CacheExpire;
   CGI_ENG_FUNC OnCgi;
   bool (*OnConnect)(int localAddr, int remoteAddr, int remotePort);
@@ -190,6 +213,9 @@ class CHttpServer {
   int MaxPostLen;
   PlThread* AcceptingThread;
   unsigned long AcceptingThreadID;
+  CStr AccessKey;  // empty: every client is served
+  int ConnCap;      // open connections allowed at once; set when accepting starts
+  int HeadDeadlineMs;
   // Book-keeping of connection threads, so that a finished one can take the
   // next connection and the destructor can wake and wait for them instead of
   // leaving them with a dangling server.
@@ -204,9 +230,25 @@ class CHttpServer {
   void ClientSocketClosing(HTTPS_CLIENT* client);
   void ServeRequest(HTTPS_CLIENT* client);
   bool ReadRequest(HTTPS_CLIENT* client);
+  bool ParseRequestLine(HTTPS_CLIENT* client, char* line);
+  bool RefuseHead(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* whyFormat, int limit);
   void ParseHeader(HTTPS_CLIENT* client, char* line);
   void ParseContentType(HTTPS_CLIENT* client, char* save);
-  void DispatchPost(HTTPS_CLIENT* client);
+  void DispatchWithBody(HTTPS_CLIENT* client);
+  // Path resolution shared by GET and the methods with a body.
+  bool LocalTarget(const CStr& urlPath, CStr& local, bool& isDir);
+  CStrs* DefaultDocIn(const CStr& dir);
+  void ResolveDefaultDocument(HTTPS_CLIENT* client);
+  void SplitPathInfo(HTTPS_CLIENT* client);
+  bool AdmitConnection();
+  void HeadDone(HTTPS_CLIENT* client);
+  bool AdmitRequest(HTTPS_CLIENT* client);
+  bool AdmitFromOrigin(HTTPS_CLIENT* client);
+  bool IsOwnHost(const CStr& host) const;
+  bool IsOwnOrigin(const char* url) const;
+  void SendKeyCookie(HTTPS_CLIENT* client, const CStr& target);
+  void SendKeyMissing(HTTPS_CLIENT* client);
+  void SendBareLine(HTTPS_CLIENT* client, const char* status, const char* info);
   bool WriteAll(CSocket* sock, const char* buf, int len);
   void SendErrorPage(HTTPS_CLIENT* client, HTTPS_ERRMSG& err);
 
@@ -244,11 +286,27 @@ class CHttpServer {
   // False when the request must stop (a reply has been sent).
   bool CheckAccess(__https_obj* obj, HTTPS_CLIENT* client);
 
+  // The access key: with one set, only requests that carry it in the
+  // cookie AccessKeyName (or once, in the query, to receive that cookie) are
+  // served, and only under a local Host name. Empty switches it off (the
+  // default). False for a key with characters a cookie can't hold.
+  static constexpr const char* AccessKeyName = "lumetta_key";
+  bool SetAccessKey(const char* key);
+  const CStr& GetAccessKey() const { return AccessKey; }
+  // A fresh key of 128 random bits from the operating system, as 32 hex
+  // digits; empty when the system gave none.
+  static CStr NewAccessKey();
+
   // Settings.
   bool SetPortA(unsigned short port);
   bool SetListeningAddr(unsigned int addr);
   void SetMaxConn(int n);
   void SetMaxPostLen(int n);
+  // Time a connection has for its whole request head (15 s unless changed).
+  void SetHeadDeadlineMs(int ms);
+  // Connections served at once: below the process's open-file limit, taken
+  // when accepting starts.
+  int GetConnCap() const { return ConnCap; }
   bool SetDir(CStr& field, CStr path);
   bool SetHomeDir(const char* path);
   bool SetHomeDir(CStr path);
@@ -260,6 +318,8 @@ class CHttpServer {
   int GetMaxPostLen() const { return MaxPostLen; }
   unsigned short GetPort() const { return Port; }
   const char* GetMethodStr(int method);
+  // Methods whose request may carry a body (read like a POST body).
+  static bool HasRequestBody(int method);
 
   // Request arguments and GET dispatch.
   bool ParseArgs(__https_obj*& object, HTTPS_CLIENT* client, int typeMask);

@@ -5,6 +5,8 @@
 #include "chttpserver.h"
 
 #include <cstring>
+#include <memory>
+#include <new>
 
 CCgi::CCgi() : Args(nullptr), TotArgs(0), LastArg(nullptr) {}
 
@@ -51,13 +53,53 @@ class WorkBuffer {
     Buf = new char[len + margin + 1]();
     if (data && len > 0) memcpy(Buf, data, len);
   }
+  // Takes over a block that already has the zeroed margin.
+  WorkBuffer(char* block, int len) : Buf(block), Len(len) {}
   ~WorkBuffer() { delete[] Buf; }
+  char* Release() {
+    char* b = Buf;
+    Buf = nullptr;
+    return b;
+  }
   WorkBuffer(const WorkBuffer&) = delete;
   WorkBuffer& operator=(const WorkBuffer&) = delete;
 
   char* Buf;
   int Len;
 };
+
+// A body is read into a block that grows as the bytes come: what a client
+// merely announces costs nothing. Doubling from kBodyFirstBlock, the block
+// goes straight to the full length once that is at most four times what
+// has arrived, so a copy never holds more than a quarter of the body twice.
+const int kBodyFirstBlock = 64 * 1024;
+
+int NextBodyCapacity(int capacity, int len) {
+  long long next = (long long)capacity * 2;
+  if (next > len / 4 || next > len) next = len;
+  return (int)next;
+}
+
+// The body's len bytes followed by margin + 1 zeros, in a new[] block;
+// null when the input ends first or memory runs out.
+char* ReadBody(CSocket* sock, int len, int margin) {
+  int capacity = len < kBodyFirstBlock ? len : kBodyFirstBlock;
+  std::unique_ptr<char[]> block(new (std::nothrow) char[(size_t)capacity + margin + 1]);
+  int got = 0;
+  while (block) {
+    got += sock->Read(block.get() + got, capacity - got);
+    if (got < capacity) return nullptr;
+    if (got == len) {
+      memset(block.get() + len, 0, (size_t)margin + 1);
+      return block.release();
+    }
+    capacity = NextBodyCapacity(capacity, len);
+    std::unique_ptr<char[]> larger(new (std::nothrow) char[(size_t)capacity + margin + 1]);
+    if (larger) memcpy(larger.get(), block.get(), (size_t)got);
+    block = std::move(larger);
+  }
+  return nullptr;
+}
 
 // "a=1&b=&c=3" style text. Names are kept as they are, values are decoded by
 // ArgsAdd. A name followed directly by "&" has an empty value; a trailing
@@ -88,26 +130,40 @@ struct PartHead {
   bool IsEmptyFile;  // a file field sent without a file
 };
 
+// The name="..." parameter in a part's header text, not the tail of
+// filename="...", whichever of the two comes first.
+char* FindNameParam(char* header) {
+  for (char* p = header; (p = strstr(p, "name=\"")) != nullptr; p += 6) {
+    char before = p == header ? ' ' : p[-1];
+    if (before == ' ' || before == '\t' || before == ';') return p;
+  }
+  return nullptr;
+}
+
 // Reads the headers of the part that starts at p. The header text is cut
 // in place (the name's closing quote and the blank line become zeros).
 bool ReadPartHead(char* p, PartHead& part) {
   char* disp = strstr(p, "Content-Disposition:");
   if (!disp) return false;
-  char* name = strstr(disp + 20, "name=\"");
-  if (!name) return false;
-  name += 6;
-  char* quote = strchr(name, '"');
-  if (!quote) return false;
-  *quote = 0;
-  char* blank = strstr(quote + 1, "\r\n\r\n");
-  if (!blank) {
-    *quote = '"';  // leave the text whole so later parts are still found
+  char* blank = strstr(disp, "\r\n\r\n");
+  if (!blank) return false;
+  *blank = 0;  // the searches below stay inside this part's header
+  char* name = FindNameParam(disp + 20);
+  char* quote = name ? strchr(name + 6, '"') : nullptr;
+  if (!quote) {
+    *blank = '\r';  // leave the text whole so later parts are still found
     return false;
   }
-  *blank = 0;
-  part.Name = name;
-  part.Data = blank + 4;
+  *quote = 0;
+  // filename= may come after the name or before it, never inside its value.
   char* fileName = strstr(quote + 1, "filename=");
+  if (!fileName) {
+    *name = 0;
+    fileName = strstr(disp + 20, "filename=");
+    *name = 'n';
+  }
+  part.Name = name + 6;
+  part.Data = blank + 4;
   part.IsFile = fileName && fileName[10] != '"';
   part.IsEmptyFile = fileName && !part.IsFile;
   return true;
@@ -159,7 +215,7 @@ void ParseMultipart(CCgi* cgi, char* body, int len, const CStr& boundary) {
 
 bool CHttpServer::ParseArgs(__https_obj*& object, HTTPS_CLIENT* client, int typeMask) {
   object = nullptr;
-  bool isPost = client->Method == HTTPS_MET_POST;
+  bool isPost = HasRequestBody(client->Method);  // any body is read like a POST body
   if (!isPost && client->QueryStr.IsEmpty()) {
     object = ObjGet(typeMask, client->Arg.c_str());
     return true;
@@ -170,14 +226,17 @@ bool CHttpServer::ParseArgs(__https_obj*& object, HTTPS_CLIENT* client, int type
     return false;
   }
   int len = isPost ? client->PostLen : client->QueryStr.Len;
-  WorkBuffer work(isPost ? nullptr : client->QueryStr.Str, len, client->Boundary.Len + 1);
+  const int margin = client->Boundary.Len + 1;
+  char* body = nullptr;
   if (isPost) {
-    PrintLog(client->Ip, "POST \"%s\"", client->Arg.c_str());
-    if (client->Socket->Read(work.Buf, len) < len) {
+    PrintLog(client->Ip, "%s \"%s\"", GetMethodStr(client->Method), client->Arg.c_str());
+    body = ReadBody(client->Socket, len, margin);
+    if (!body) {
       SendError(client, ErrMsg413, "Incomplete POST");
       return false;
     }
   }
+  WorkBuffer work = isPost ? WorkBuffer(body, len) : WorkBuffer(client->QueryStr.Str, len, margin);
 
   object = ObjGet(typeMask, client->Arg.c_str());
   if (!object) return true;
@@ -187,9 +246,12 @@ bool CHttpServer::ParseArgs(__https_obj*& object, HTTPS_CLIENT* client, int type
   }
 
   CCgi* cgi = new CCgi;
-  cgi->ArgsRaw.Set(work.Buf, len);
   bool result = true;
-  if (object->Type & HTTPS_OBJ_ENGINE) {
+  if (!(object->Type & HTTPS_OBJ_ENGINE)) {
+    // Handed on as it came: an upload to PHP is held once, not copied.
+    cgi->ArgsRaw.Adopt(work.Release(), len);
+  } else {
+    cgi->ArgsRaw.Set(work.Buf, len);  // a copy: parsing cuts the work text
     if (!isPost || client->PostType == HTTPS_POSTENC_WWWFORM) {
       ParseUrlEncoded(cgi, work.Buf);
     } else if (client->PostType == HTTPS_POSTENC_MULTIPART && !client->Boundary.IsEmpty()) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "pl_sendfile.h"
 
@@ -34,6 +35,23 @@ const char* HeaderRest(char* name, char* save, int skip) {
   return p;
 }
 
+// Digits only, within an int; anything else (signs, blanks inside, trailing
+// text, overflow) is refused rather than guessed at.
+bool ParseContentLength(const char* text, int* out) {
+  while (*text == ' ' || *text == '\t') text++;
+  long long value = 0;
+  const char* p = text;
+  for (; *p >= '0' && *p <= '9'; p++) {
+    value = value * 10 + (*p - '0');
+    if (value > 0x7fffffff) return false;
+  }
+  if (p == text) return false;
+  while (*p == ' ' || *p == '\t') p++;
+  if (*p) return false;
+  *out = (int)value;
+  return true;
+}
+
 time_t ParseModifiedSince(const char* value) {
   static const char* const kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -57,7 +75,32 @@ time_t ParseModifiedSince(const char* value) {
   return 0;
 }
 
+// Keeps the header as "Name: value" for the gateway, which passes every
+// header on; the parsing below cuts the line apart.
+void KeepHeader(HTTPS_CLIENT* client, const char* line) {
+  const char* colon = strchr(line, ':');
+  if (!colon || colon == line) return;
+  CStr entry(line, (int)(colon - line));
+  const char* value = colon + 1;
+  value += strspn(value, " \t");
+  int len = (int)strlen(value);
+  while (len > 0 && (value[len - 1] == ' ' || value[len - 1] == '\t')) len--;
+  entry.Cat(": ");
+  entry.Cat(value, len);
+  client->InHeaders.Add(entry);
+}
+
 }  // namespace
+
+const char* HttpsHeader(HTTPS_CLIENT* client, const char* name) {
+  size_t n = strlen(name);
+  for (int i = 0; i < client->InHeaders.Count(); i++) {
+    const char* entry = client->InHeaders[i]->c_str();
+    if (strlen(entry) > n && entry[n] == ':' && EqualsIC(CStr(entry, (int)n).c_str(), name))
+      return entry + n + 2;
+  }
+  return nullptr;
+}
 
 char* CHttpServer::StrTok(char* text, const char* delims, char** save) {
   char* p = text ? text : *save;
@@ -85,9 +128,16 @@ unsigned int CHttpServer::ClientEx(void* arg) {
     unsigned short localPort = 0;
     PlSockLocalAddr(client->Socket->Socket, &client->LocalIp, &localPort);
   }
+  // The handshake runs here, not on the accepting thread, so a client that
+  // stalls it holds up nobody else; the deadline frees this thread too.
+  bool ready = true;
+  if (srv->SslEnabled && !client->Socket->Ssl) {
+    ready = client->Socket->AcceptTls(srv->SslCtx, CSocket::kTlsHandshakeMs);
+    if (!ready && srv->OnSslError) srv->OnSslError(client, 1);
+  }
   // This thread is where everything thrown by an engine or the socket stops.
   try {
-    srv->ServeRequest(client);
+    if (ready) srv->ServeRequest(client);
   } catch (...) {
   }
   try {
@@ -109,7 +159,19 @@ void CHttpServer::ServeRequest(HTTPS_CLIENT* client) {
   client->ModifiedTm = 0;
   client->PostType = HTTPS_POSTENC_NONE;
   client->PostLen = 0;
-  if (!ReadRequest(client)) return;
+  client->Socket->SetDeadline(HeadDeadlineMs);
+  bool haveRequest = ReadRequest(client);
+  // A head cut off by the deadline is not served in part.
+  const bool late = client->Socket->DeadlinePassed();
+  client->Socket->SetDeadline(-1);
+  HeadDone(client);
+  if (late) PrintLog(client->Ip, "Request head not complete in time");
+  if (!haveRequest || late) return;
+  if (client->Flags & HTTPS_CLIENTF_BADLENGTH) {
+    SendBareLine(client, "400 Bad Request", "Content-Length");
+    return;
+  }
+  if (!AccessKey.IsEmpty() && !AdmitRequest(client)) return;
 
   if (OnRequest && !OnRequest(client)) return;
   if (RedirEnabled && !client->Arg.IsEmpty()) {
@@ -118,54 +180,111 @@ void CHttpServer::ServeRequest(HTTPS_CLIENT* client) {
     SendMoved(client->Socket, location);
     return;
   }
+  client->Target = client->Arg;
   int q = client->Arg.FindChar('?');
   if (q >= 0) {
     client->QueryStr = client->Arg.Right(q + 1);
     client->Arg = client->Arg.Left(q);
   }
   client->Arg.UrlDecode();
+  SplitPathInfo(client);
+  if (!AccessKey.IsEmpty() && !AdmitFromOrigin(client)) return;
 
-  if (client->Method == HTTPS_MET_GET)
+  if (client->Method == HTTPS_MET_GET || client->Method == HTTPS_MET_HEAD)
     Get(client);
-  else if (client->Method == HTTPS_MET_POST)
-    DispatchPost(client);
+  else
+    DispatchWithBody(client);
 }
+
+namespace {
+
+struct MethodName {
+  const char* Name;
+  int Method;
+};
+const MethodName kMethods[] = {
+    {"GET", CHttpServer::HTTPS_MET_GET},        {"POST", CHttpServer::HTTPS_MET_POST},
+    {"HEAD", CHttpServer::HTTPS_MET_HEAD},      {"PUT", CHttpServer::HTTPS_MET_PUT},
+    {"PATCH", CHttpServer::HTTPS_MET_PATCH},    {"DELETE", CHttpServer::HTTPS_MET_DELETE},
+    {"OPTIONS", CHttpServer::HTTPS_MET_OPTIONS}};
+
+}  // namespace
 
 // Request line and header block. False when the connection is to be closed
 // without going further (nothing usable, or a reply was already sent).
+// Lines and the whole head are bounded; a request past a bound is refused
+// whole rather than read in part.
 bool CHttpServer::ReadRequest(HTTPS_CLIENT* client) {
-  char line[kLineSize];
-  while (client->Socket->Gets(line, sizeof line)) {
+  // Room for a full line, its CR LF and the terminating zero; one byte more
+  // tells a line that is exactly full from one that goes on.
+  std::vector<char> buf(HTTPS_MAX_LINE_LEN + 3);
+  int headBytes = 0;
+  while (char* line = client->Socket->Gets(buf.data(), (unsigned)buf.size())) {
+    int raw = (int)strlen(line);
+    bool unfinished = raw == (int)buf.size() - 1 && line[raw - 1] != '\n';
     line[strcspn(line, "\r\n")] = 0;
+    bool first = client->Method == HTTPS_MET_NONE;
+    if (unfinished || (int)strlen(line) > HTTPS_MAX_LINE_LEN)
+      return first ? RefuseHead(client, ErrMsg414, "request line longer than %d bytes", HTTPS_MAX_LINE_LEN)
+                   : RefuseHead(client, ErrMsg431, "header line longer than %d bytes", HTTPS_MAX_LINE_LEN);
+    headBytes += raw;
+    if (headBytes > HTTPS_MAX_HEAD_LEN)
+      return RefuseHead(client, ErrMsg431, "request head longer than %d bytes", HTTPS_MAX_HEAD_LEN);
     if (!line[0]) break;
-    if (client->Method != HTTPS_MET_NONE) {
-      ParseHeader(client, line);
-      continue;
-    }
-    char* save = nullptr;
-    char* method = StrTok(line, " ", &save);
-    char* target = StrTok(nullptr, " ", &save);
-    if (!method || !target) return false;
-    client->Arg = target;
-    if (EqualsIC(method, "GET")) {
-      client->Method = HTTPS_MET_GET;
-    } else if (EqualsIC(method, "POST")) {
-      client->Method = HTTPS_MET_POST;
+    if (first) {
+      if (!ParseRequestLine(client, line)) return false;
     } else {
-      SendError(client, ErrMsg405, method);
-      return false;
+      ParseHeader(client, line);
     }
   }
   return client->Method != HTTPS_MET_NONE;
 }
 
+bool CHttpServer::ParseRequestLine(HTTPS_CLIENT* client, char* line) {
+  char* save = nullptr;
+  char* method = StrTok(line, " ", &save);
+  char* target = StrTok(nullptr, " ", &save);
+  if (!method || !target) return false;
+  client->Arg = target;
+  for (const MethodName& m : kMethods) {
+    if (EqualsIC(method, m.Name)) {
+      client->Method = m.Method;
+      return true;
+    }
+  }
+  SendError(client, ErrMsg405, method);
+  return false;
+}
+
+// Answers a head past its bounds with a bare status line. The rest of the
+// head is read and dropped first (up to a bound of its own): closing with
+// unread bytes makes the system reset the connection, and the client would
+// lose the answer.
+bool CHttpServer::RefuseHead(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* whyFormat, int limit) {
+  char scrap[4096];
+  int dropped = 0;
+  while (dropped < 4 * HTTPS_MAX_HEAD_LEN && client->Socket->Gets(scrap, sizeof scrap)) {
+    int n = (int)strlen(scrap);
+    dropped += n > 0 ? n : 1;
+    if (scrap[0] == '\n' || (scrap[0] == '\r' && scrap[1] == '\n')) break;
+  }
+  CStr why;
+  why.Printf(whyFormat, limit);
+  SendError(client, err, why.c_str(), 1);
+  return false;
+}
+
 void CHttpServer::ParseHeader(HTTPS_CLIENT* client, char* line) {
+  KeepHeader(client, line);
   char* save = nullptr;
   char* name = StrTok(line, ":", &save);
   if (!name) return;
   if (EqualsIC(name, "Authorization")) {
     char* scheme = StrTok(nullptr, kBlanks, &save);
-    char* token = scheme && EqualsIC(scheme, "Basic") ? StrTok(nullptr, kBlanks, &save) : nullptr;
+    // Other schemes (a bearer token for a script) are the application's
+    // business: they reach it as HTTP_AUTHORIZATION.
+    if (!scheme || !EqualsIC(scheme, "Basic")) return;
+    char* token = StrTok(nullptr, kBlanks, &save);
     int colon = -1;
     CStr credentials;
     if (token) {
@@ -201,10 +320,23 @@ void CHttpServer::ParseHeader(HTTPS_CLIENT* client, char* line) {
   } else if (EqualsIC(name, "If-Modified-Since")) {
     if (client->Method == HTTPS_MET_GET)
       client->ModifiedTm = ParseModifiedSince(HeaderRest(name, save, 1));
+  } else if (EqualsIC(name, "Origin")) {
+    client->InOrigin = HeaderRest(name, save, 2);
+  } else if (EqualsIC(name, "Sec-Fetch-Site")) {
+    client->InSecFetchSite = HeaderRest(name, save, 2);
   } else if (EqualsIC(name, "Content-Length")) {
-    if (client->Method == HTTPS_MET_POST) client->PostLen = atoi(HeaderRest(name, save, 1));
+    // A second length that disagrees makes the body's end ambiguous.
+    int len = 0;
+    bool ok = ParseContentLength(HeaderRest(name, save, 1), &len);
+    if (!HasRequestBody(client->Method)) {
+      // Bodies of other methods are never read.
+    } else if (!ok || (client->PostLen && client->PostLen != len)) {
+      client->Flags |= HTTPS_CLIENTF_BADLENGTH;
+    } else {
+      client->PostLen = len;
+    }
   } else if (EqualsIC(name, "Content-Type")) {
-    if (client->Method == HTTPS_MET_POST) ParseContentType(client, save);
+    if (HasRequestBody(client->Method)) ParseContentType(client, save);
   }
 }
 
@@ -227,23 +359,41 @@ void CHttpServer::ParseContentType(HTTPS_CLIENT* client, char* save) {
   }
 }
 
-void CHttpServer::DispatchPost(HTTPS_CLIENT* client) {
-  if (client->PostLen <= 0) {
+// POST and the other methods that may carry a body. POST keeps its old
+// rules (a length is required, engines take it); the others only ever reach
+// a CGI script, which gets the body unparsed on its standard input.
+void CHttpServer::DispatchWithBody(HTTPS_CLIENT* client) {
+  bool post = client->Method == HTTPS_MET_POST;
+  const char* method = GetMethodStr(client->Method);
+  // A chunked body has no Content-Length; read as an empty one it would be
+  // lost without a word, so the client is asked for a length instead.
+  if (client->PostLen < 0 || (post && client->PostLen == 0) || HttpsHeader(client, "Transfer-Encoding")) {
     // A negative length is as unusable as a missing one.
-    SendError(client, ErrMsg411, "POST");
+    SendError(client, ErrMsg411, method);
     return;
   }
   if (client->Arg.IsEmpty()) {
-    SendError(client, ErrMsg400, "POST");
+    SendError(client, ErrMsg400, method);
     return;
   }
   if (client->PostLen > MaxPostLen) {
     client->Socket->Flush(client->PostLen);
-    SendError(client, ErrMsg413, "POST", 1);
+    SendError(client, ErrMsg413, method, 1);
     return;
   }
+  ResolveDefaultDocument(client);
+  int mask = HTTPS_OBJ_VFILE | HTTPS_OBJ_EXT | (post ? HTTPS_OBJ_ENGINE : 0);
   __https_obj* obj = nullptr;
-  if (!ParseArgs(obj, client, HTTPS_OBJ_ENGINE | HTTPS_OBJ_VFILE | HTTPS_OBJ_EXT) || !obj) return;
+  if (!ParseArgs(obj, client, mask)) return;
+  if (!obj) {
+    // Nothing here takes the request. Only scripts take the newer methods;
+    // a POST to something that exists is refused, to nothing not found.
+    CStr local;
+    bool isDir = false;
+    bool exists = !post || LocalTarget(client->Arg, local, isDir);
+    SendError(client, exists ? ErrMsg405 : ErrMsg404, method, 1);
+    return;
+  }
   if (!CheckAccess(obj, client)) return;
   if (obj->Type & HTTPS_OBJ_ENGINE) {
     try {

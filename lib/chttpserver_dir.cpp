@@ -6,7 +6,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "pl_path.h"
+#include "pl_fs.h"
+#include "pl_time.h"
 
 namespace {
 
@@ -91,9 +92,11 @@ CStrList* CHttpServer::DirLoad(const char* dir) {
     CStr full = dir;
     full += PL_PATH_SEP;
     full += name;
-    PlStatInfo info;
-    // An entry that can't be examined (a dangling link) has nothing to show.
-    if (PlStat(full.c_str(), &info)) list->AddObject(name, new PlStatInfo(info));
+    // A link whose target is gone is still an entry of the directory: it
+    // is listed with what the search knows of the link itself.
+    PlStatInfo info = {0, 0, false};
+    if (!PlStat(full.c_str(), &info)) PlDirEntryStat(handle, &info);
+    list->AddObject(name, new PlStatInfo(info));
   }
   PlDirClose(handle);
   return list;

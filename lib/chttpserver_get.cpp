@@ -56,6 +56,17 @@ CStr JoinLocal(const CStr& root, const CStr& rest) {
 // one that was checked and typed.
 bool HasEmbeddedNul(const CStr& s) { return s.Str && (int)strlen(s.Str) != s.Len; }
 
+bool HasDotSegment(const CStr& path) {
+  for (int i = 0; i < path.Len; i++) {
+    if (path.Str[i] != '/') continue;
+    int dots = 0;
+    while (i + 1 + dots < path.Len && path.Str[i + 1 + dots] == '.') dots++;
+    bool segmentEnds = i + 1 + dots == path.Len || path.Str[i + 1 + dots] == '/';
+    if ((dots == 1 || dots == 2) && segmentEnds) return true;
+  }
+  return false;
+}
+
 bool ResolvesInside(const CStr& root, const CStr& local) {
   std::string realRoot, realLocal;
   if (!PlRealPath(root.c_str(), &realRoot) || !PlRealPath(local.c_str(), &realLocal)) return false;
@@ -94,7 +105,69 @@ CStr EncodeUrlPath(const CStr& path) {
 
 }  // namespace
 
+// The local name below the home directory of a request path, when the path
+// stays inside it (as text and once links are resolved) and names something.
+bool CHttpServer::LocalTarget(const CStr& urlPath, CStr& local, bool& isDir) {
+  CStr path = urlPath;
+  if (HasEmbeddedNul(urlPath) || !path.PathSimplify('/')) return false;
+  local = JoinLocal(HomeDir, path);
+  PlStatInfo info;
+  if (!PlPathInside(HomeDir.c_str(), local.c_str()) || !PlStat(local.c_str(), &info) ||
+      !ResolvesInside(HomeDir, local))
+    return false;
+  isDir = info.IsDir;
+  return true;
+}
+
+// The first default document present in the local directory dir, or null.
+CStrs* CHttpServer::DefaultDocIn(const CStr& dir) {
+  for (int i = 0; i < DefDocs.Count(); i++) {
+    CStrs* entry = DefDocs[i];
+    if (entry && PlIsFile(JoinLocal(dir, *entry).c_str())) return entry;
+  }
+  return nullptr;
+}
+
+// A request with a body to a directory goes to its default document, as a
+// GET would (a login form that posts to "/" reaches index.php). There is no
+// redirect to the path with a slash: it would turn the request into a GET
+// and lose the body.
+void CHttpServer::ResolveDefaultDocument(HTTPS_CLIENT* client) {
+  CStr local;
+  bool isDir = false;
+  if (!LocalTarget(client->Arg, local, isDir) || !isDir) return;
+  CStrs* doc = DefaultDocIn(local);
+  if (!doc) return;
+  if (client->Arg.Last() != '/') client->Arg += "/";
+  client->Arg += *doc;
+}
+
+// "/app/index.php/users/7" names the script "/app/index.php" and the extra
+// path "/users/7", which frameworks route by. The script is the shortest
+// leading part that ends in a handled extension and is a file inside the
+// home directory; the request then goes on as one for the script alone.
+void CHttpServer::SplitPathInfo(HTTPS_CLIENT* client) {
+  const CStr& arg = client->Arg;
+  for (int i = 1; i < arg.Len; i++) {
+    if (arg.Str[i] != '/') continue;
+    CStr script = arg.Left(i);
+    if (!ObjGet(HTTPS_OBJ_EXT, script.c_str())) continue;
+    CStr local;
+    bool isDir = true;
+    if (!LocalTarget(script, local, isDir) || isDir) continue;
+    // "/x.php/../y" is a path to be resolved, not a route for x.php.
+    if (HasDotSegment(arg.Right(i))) return;
+    client->PathInfo = arg.Right(i);
+    client->Arg = script;
+    return;
+  }
+}
+
 void CHttpServer::Get(HTTPS_CLIENT* client) {
+  // HEAD is answered like GET without the body, for files and scripts only:
+  // engines act on requests (the run wrapper starts programs), so they
+  // never see one.
+  bool head = client->Method == HTTPS_MET_HEAD;
   if (client->Arg.IsEmpty()) {
     SendError(client, ErrMsg413, "GET");
     return;
@@ -116,7 +189,8 @@ void CHttpServer::Get(HTTPS_CLIENT* client) {
       if (obj) {
         if (!CheckAccess(obj, client)) return;
         if (obj->Type & HTTPS_OBJ_ENGINE) {
-          obj->Func(obj, client);
+          if (head) SendError(client, ErrMsg405, "HEAD", 1);
+          else obj->Func(obj, client);
           return;
         }
         if (!(obj->Type & HTTPS_OBJ_VDIR)) {
@@ -165,23 +239,23 @@ void CHttpServer::Get(HTTPS_CLIENT* client) {
         return;
       }
       if (obj && (obj->Flags & HTTPS_OBJF_BROWSE)) {
+        if (head) {
+          SendError(client, ErrMsg405, "HEAD", 1);
+          return;
+        }
         PrintLog(client->Ip, "BROWSE \"%s\"", client->Arg.c_str());
         DirList(client, path.c_str(), local.c_str());
         return;
       }
-      CStrs* doc = nullptr;
-      for (int i = 0; i < DefDocs.Count() && !doc; i++) {
-        CStrs* entry = DefDocs[i];
-        if (entry && PlIsFile(JoinLocal(local, *entry).c_str()))
-          doc = entry;
-      }
+      CStrs* doc = DefaultDocIn(local);
       if (doc) {
         client->Arg += *doc;
         continue;  // the document goes through the registry and its checks
       }
       __https_obj* dirEngine = ObjGet(HTTPS_OBJ_ENGINE, (path + "/index.ebd").c_str());
       if (dirEngine) {
-        if (CheckAccess(dirEngine, client)) dirEngine->Func(dirEngine, client);
+        if (head) SendError(client, ErrMsg405, "HEAD", 1);
+        else if (CheckAccess(dirEngine, client)) dirEngine->Func(dirEngine, client);
         return;
       }
       found = false;
@@ -197,7 +271,7 @@ void CHttpServer::Get(HTTPS_CLIENT* client) {
       return;
     }
     CStr ext = local.FileExt();
-    if (SendHeader(client, (int)info.Size, GetMimeType(ext), nullptr, info.MTime, 1) &&
+    if (SendHeader(client, (int)info.Size, GetMimeType(ext), nullptr, info.MTime, 1) && !head &&
         !SendFile(client, local.c_str()))
       SendError(client, ErrMsg404, nullptr);
     return;

@@ -1,6 +1,6 @@
 // CHttpServer: the response writers, the log line writer and small lookups.
 #include "chttpserver.h"
-#include "pl_path.h"
+#include "pl_time.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -21,7 +21,9 @@ const int kDateSize = 40;
 // pieces of one TLS record.
 const int kFileChunk = 16384;
 
-const char* const kMethodNames[] = {"NONE", "GET", "POST", "UNKNOWN"};
+const char* const kMethodNames[] = {"NONE", "GET", "POST", "UNKNOWN", "HEAD",
+                                    "PUT", "PATCH", "DELETE", "OPTIONS"};
+const int kMethodCount = (int)(sizeof kMethodNames / sizeof kMethodNames[0]);
 
 const char kMovedBodyHead[] =
     "<head><title>Document Moved</title></head><body><h1>Object Moved</h1>"
@@ -34,6 +36,23 @@ const char kAuthBody[] =
     "  are authorized to access the document\n  requested.  Either you supplied the wrong\n"
     "  credentials (e.g., bad password), or your\n  browser doesn't understand how to supply\n"
     "  the credentials required.</p>\n  <hr>\n</body></html>\n";
+
+// Percent-encodes control bytes and the characters that would close the
+// redirect page's link; everything else stays as it was.
+CStr EncodeHeaderUnsafe(const CStr& url) {
+  static const char kHex[] = "0123456789ABCDEF";
+  CStr out;
+  for (int i = 0; i < url.Len; i++) {
+    unsigned char c = (unsigned char)url.Str[i];
+    if (c < 0x20 || c == 0x7f || c == '"' || c == '<' || c == '>') {
+      const char esc[4] = {'%', kHex[c >> 4], kHex[c & 15], 0};
+      out += esc;
+    } else {
+      out += (char)c;
+    }
+  }
+  return out;
+}
 
 // The HTTP date of t, always in English and UTC: the C library's own names
 // follow the locale, and its shared broken-down time is not thread-safe.
@@ -149,15 +168,18 @@ bool CHttpServer::SendReply(HTTPS_CLIENT* client, char* buf, int len) {
 }
 
 bool CHttpServer::SendMoved(CSocket* sock, CStr& url) {
+  // The address may come from the request (the run wrapper's page): a line
+  // break in it must not start a header of its own, nor a quote end the link.
+  const CStr safe = EncodeHeaderUnsafe(url);
   CStr body = kMovedBodyHead;
-  body += url;
+  body += safe;
   body += kMovedBodyTail;
   char buf[kHeaderBufSize];
   int n = 0;
   if (!AppendHeader(buf, n,
                     "HTTP/1.1 302 Object Moved\r\nLocation: %s\r\nServer: %s\r\n"
                     "Content-type: text/html\r\nConnection: close\r\nContent-length: %d\r\n\r\n",
-                    url.c_str(), ServerName.c_str(), body.Len))
+                    safe.c_str(), ServerName.c_str(), body.Len))
     return false;
   return WriteAll(sock, buf, n) && WriteAll(sock, body.c_str(), body.Len);
 }
@@ -231,8 +253,13 @@ const char* CHttpServer::GetMimeType(CStr& ext) {
 }
 
 const char* CHttpServer::GetMethodStr(int method) {
-  if (method < 0 || method > 3) method = 3;
+  if (method < 0 || method >= kMethodCount) method = HTTPS_MET_UNK;
   return kMethodNames[method];
+}
+
+bool CHttpServer::HasRequestBody(int method) {
+  return method == HTTPS_MET_POST || method == HTTPS_MET_PUT || method == HTTPS_MET_PATCH ||
+         method == HTTPS_MET_DELETE || method == HTTPS_MET_OPTIONS;
 }
 
 const char* CHttpServer::Time(long long* now) {

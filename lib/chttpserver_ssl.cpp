@@ -33,7 +33,8 @@ bool BindTable() {
       (void**)&f.SSL_free, "SSL_free", (void**)&f.SSL_get_fd, "SSL_get_fd", (void**)&f.SSL_new, "SSL_new",
       (void**)&f.SSL_read, "SSL_read", (void**)&f.SSL_shutdown, "SSL_shutdown",
       (void**)&f.SSL_set_fd, "SSL_set_fd", (void**)&f.SSL_write, "SSL_write",
-      (void**)&f.TLS_server_method, "TLS_server_method", (void**)nullptr);
+      (void**)&f.TLS_server_method, "TLS_server_method", (void**)&f.SSL_get_error,
+      "SSL_get_error", (void**)nullptr);
   // A partial binding leaves pointers into a library that has been released
   // again; no caller may see those.
   if (!bound) f = OPENSSL_FUNCS{};

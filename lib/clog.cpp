@@ -1,5 +1,7 @@
+// CLog: daily log files shared by several threads, one stamped line per event,
+// a new file at each UTC midnight.
 #include "clog.h"
-#include "pl_path.h"
+#include "pl_time.h"
 
 #include <cstring>
 #include <vector>

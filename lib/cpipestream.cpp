@@ -1,3 +1,5 @@
+// CPipeStream: starting the child and its watcher thread first, then ending
+// and closing, then reading and writing the pipes.
 #include "cpipestream.h"
 
 #include <cstdlib>
@@ -15,6 +17,7 @@ static const unsigned kWatcherGraceMs = 6000;
 
 CPipeStream::CPipeStream() : Status(0), ExitCode(0) {
   hChildStdinRd = hChildStdinWr = hChildStdoutRd = hChildStdoutWr = PL_NO_FILE;
+  hChildStderrRd = hChildStderrWr = PL_NO_FILE;
   hProcess = nullptr;
   hStartEvent = nullptr;
   hRunThread = nullptr;
@@ -42,15 +45,18 @@ void CPipeStream::Open(const char* cmd, const char* curDir, CStrList* env, int a
   CurDir = curDir ? curDir : "";
   Status = 0;
   ExitCode = 0;
-  if (env) {
-    Environ = env->ToCharNull();
-    if (!Environ) Environ = new char[2]{0, 0};  // an empty list is an empty environment, not ours
-  }
+  // An empty list gives no block, and without a block the child inherits
+  // our environment: a caller with nothing to add need not copy ours.
+  if (env) Environ = env->ToCharNull();
   if (!PlPipeCreate(&hChildStdoutRd, &hChildStdoutWr, 1)) {
     CloseAll();
     throw (int)CERR_GEN_PIPE;
   }
   if (!PlPipeCreate(&hChildStdinRd, &hChildStdinWr, 0)) {
+    CloseAll();
+    throw (int)CERR_GEN_PIPE;
+  }
+  if ((accFlags & CPIPE_STDERR) && !PlPipeCreate(&hChildStderrRd, &hChildStderrWr, 1)) {
     CloseAll();
     throw (int)CERR_GEN_PIPE;
   }
@@ -78,7 +84,10 @@ bool CPipeStream::StartChild() {
   info.CmdLine = Cmd.c_str();
   info.CurDir = CurDir.c_str();
   info.Env = Environ;
-  if (AccFlags & CPIPE_READ) info.StdOut = info.StdErr = hChildStdoutWr;
+  if (AccFlags & CPIPE_READ) {
+    info.StdOut = hChildStdoutWr;
+    info.StdErr = (AccFlags & CPIPE_STDERR) ? hChildStderrWr : hChildStdoutWr;
+  }
   if (AccFlags & CPIPE_WRITE) info.StdIn = hChildStdinRd;
   info.NoWindow = (AccFlags & CPIPE_NOWINDOW) != 0;
   info.Debug = (AccFlags & CPIPE_DEBUG) != 0;
@@ -119,6 +128,8 @@ void CPipeStream::Watch() {
   hChildStdoutWr = PL_NO_FILE;
   PlPipeClose(hChildStdinRd);
   hChildStdinRd = PL_NO_FILE;
+  PlPipeClose(hChildStderrWr);
+  hChildStderrWr = PL_NO_FILE;
 }
 
 void CPipeStream::ApplyPriority() { PlProcessSetPriority(hProcess, PriClass[Priority]); }
@@ -146,6 +157,8 @@ void CPipeStream::CloseAll() {
   ClosePipeEnd(hChildStdoutRd);
   ClosePipeEnd(hChildStdoutWr);
   ClosePipeEnd(hChildStdinRd);
+  ClosePipeEnd(hChildStderrRd);
+  ClosePipeEnd(hChildStderrWr);
   PlProcessClose(hProcess);
   hProcess = nullptr;
   delete hStartEvent;
@@ -180,6 +193,13 @@ unsigned int CPipeStream::Read(void* buf, unsigned int len) {
   if (!buf || !len) throw (int)CERR_GEN_MISSINGARGUMENT;
   if (!(AccFlags & CPIPE_READ)) throw (int)CERR_GEN_WRITEONLY;
   int n = PlPipeRead(hChildStdoutRd, buf, len);
+  return n > 0 ? (unsigned)n : 0;
+}
+
+unsigned int CPipeStream::ReadErr(void* buf, unsigned int len) {
+  if (!buf || !len) throw (int)CERR_GEN_MISSINGARGUMENT;
+  if (!(AccFlags & CPIPE_STDERR)) throw (int)CERR_GEN_WRITEONLY;
+  int n = PlPipeRead(hChildStderrRd, buf, len);
   return n > 0 ? (unsigned)n : 0;
 }
 
@@ -239,7 +259,14 @@ void CPipeStream::Write(const void* buf, unsigned int len) {
 }
 
 void CPipeStream::WriteConv(const char* buf, unsigned int len) {
-  if ((AccFlags & CPIPE_BINARY) || TextMode == 0) {
+  if (AccFlags & CPIPE_BINARY) {
+    Write(buf, len);
+    return;
+  }
+  // Text goes byte by byte in principle, so no bytes means nothing to do.
+  if (len == 0) return;
+  if (!buf) throw (int)CERR_GEN_MISSINGARGUMENT;
+  if (TextMode == 0) {
     Write(buf, len);
     return;
   }

@@ -14,10 +14,11 @@
 // AccFlags bits.
 enum {
   CPIPE_BINARY = 2,    // text writes pass bytes unchanged
-  CPIPE_DEBUG = 4,     // watch the child for a crash
+  CPIPE_DEBUG = 4,     // watch the child for a crash (a bad memory access)
   CPIPE_NOWINDOW = 8,  // no console window for the child
   CPIPE_READ = 32,     // the child's output and error come to us
-  CPIPE_WRITE = 64     // the child's input comes from us
+  CPIPE_WRITE = 64,    // the child's input comes from us
+  CPIPE_STDERR = 128   // with READ: the child's error output has a pipe of its own (ReadErr)
 };
 
 // Status bits.
@@ -46,6 +47,7 @@ class CPipeStream {
   CStr Cmd;
   PlFile hChildStdinRd, hChildStdinWr;
   PlFile hChildStdoutRd, hChildStdoutWr;
+  PlFile hChildStderrRd, hChildStderrWr;  // only with CPIPE_STDERR
   PlProc* hProcess;  // owned; freed by CloseAll once the watcher has ended
   PlEvent* hStartEvent;
   PlThread* hRunThread;
@@ -57,10 +59,15 @@ class CPipeStream {
   CPipeStream& operator=(const CPipeStream&) = delete;
 
   void Set();
-  // Starts the child; throws CERR_GEN_PIPE or CERR_GEN_RUN.
+  // Starts the child; throws CERR_GEN_PIPE or CERR_GEN_RUN. A null or empty
+  // env lets the child inherit our environment.
   void Open(const char* cmd, const char* curDir, CStrList* env, int accFlags);
 
   unsigned int Read(void* buf, unsigned int len);
+  // The separate error output (CPIPE_STDERR): one blocking read, 0 at its
+  // end. Read it from another thread than the output, or a child that fills
+  // one pipe while we wait on the other stops both.
+  unsigned int ReadErr(void* buf, unsigned int len);
   int Getc();
   char* Gets(char* buf, int size);
   CStr& Gets(CStr& line);

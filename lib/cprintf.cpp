@@ -206,6 +206,9 @@ bool Formatter::ParseDirective(const char*& fmt, Directive& d) {
     d.precision = p > INT_MAX ? INT_MAX : (int)p;
   }
 
+  // 'l' means the platform's long, as the caller's own printf would read it:
+  // 64 bits on Linux, 32 on Windows. Reading a fixed 32 bits instead would
+  // misread every long passed here on Linux.
   if (*fmt == 'l') {
     d.longness = 1;
     fmt++;

@@ -1,3 +1,5 @@
+// CSocket: connecting and starting TLS, the 4 KiB input buffer and its
+// refills, then the reads and writes built on them.
 #include "csocket.h"
 
 #include <climits>
@@ -5,6 +7,7 @@
 #include <new>
 
 #include "cerror.h"
+#include "pl_thread.h"
 
 OPENSSL_FUNCS OpenSsl = {};
 
@@ -19,15 +22,26 @@ CSocket::CSocket(PlSocket sock) : Ssl(nullptr) { Init(sock); }
 
 CSocket::CSocket(PlSocket sock, SSL_CTX* ctx) : Ssl(nullptr) {
   Init(sock);
-  PlNetNoSigPipe();  // the TLS library writes to the socket on its own
-  // The TLS library receives by itself, so the wait in FillInBuf can't
-  // apply; a socket-level time-out keeps a silent peer (even one that never
-  // starts the handshake) from holding the thread for ever.
-  PlSockSetRecvTimeout(Socket, TimeOut);
-  if (!StartTls(ctx)) {
+  if (!AcceptTls(ctx, kTlsHandshakeMs)) {
     Release();  // the destructor won't run for a constructor that throws
     throw static_cast<int>(CERR_SOCK_SSL);
   }
+}
+
+bool CSocket::AcceptTls(SSL_CTX* ctx, int deadlineMs) {
+  PlNetNoSigPipe();  // the TLS library writes to the socket on its own
+  // Non-blocking, so that each wait for the peer is cut to what is left of
+  // the deadline: a time-out per receive would let a client that trickles
+  // one byte at a time keep the handshake going for ever.
+  if (!PlSockSetNonBlocking(Socket, true)) return false;
+  SetDeadline(deadlineMs);
+  bool ok = StartTls(ctx);
+  SetDeadline(-1);
+  if (!PlSockSetNonBlocking(Socket, false)) ok = false;
+  // Later receives happen inside the TLS library, out of FillInBuf's wait;
+  // a socket-level time-out bounds them.
+  PlSockSetRecvTimeout(Socket, TimeOut);
+  return ok;
 }
 
 CSocket::~CSocket() { Release(); }
@@ -40,6 +54,7 @@ void CSocket::Init(PlSocket sock) {
   ReadCallBack = nullptr;
   ReadCallBackArg = nullptr;
   TimeOut = 60;
+  Deadline = 0;
   SetBuf(4096);
 }
 
@@ -48,7 +63,32 @@ bool CSocket::StartTls(SSL_CTX* ctx) {
   Ssl = OpenSsl.SSL_new(ctx);
   if (!Ssl) return false;
   if (OpenSsl.SSL_set_fd(Ssl, static_cast<int>(Socket)) == 0) return false;
-  return OpenSsl.SSL_accept(Ssl) >= 1;
+  for (;;) {
+    int r = OpenSsl.SSL_accept(Ssl);
+    if (r >= 1) return true;
+    int why = OpenSsl.SSL_get_error ? OpenSsl.SSL_get_error(Ssl, r) : 0;
+    const int kWantRead = 2, kWantWrite = 3;
+    if (why != kWantRead && why != kWantWrite) return false;
+    int left = WaitMs();
+    if (left == 0 || PlSockWaitMs(Socket, why == kWantWrite, left) != 1) return false;
+  }
+}
+
+void CSocket::SetDeadline(int ms) {
+  Deadline = ms < 0 ? 0 : PlMonotonicMs() + static_cast<uint64_t>(ms);
+  if (ms < 0 && Ssl) PlSockSetRecvTimeout(Socket, TimeOut);  // undo the cut in FillInBuf
+}
+
+bool CSocket::DeadlinePassed() const { return Deadline && PlMonotonicMs() >= Deadline; }
+
+int CSocket::WaitMs() const {
+  long long wait = TimeOut < 0 ? -1 : static_cast<long long>(TimeOut) * 1000;
+  if (Deadline) {
+    uint64_t now = PlMonotonicMs();
+    long long left = now >= Deadline ? 0 : static_cast<long long>(Deadline - now);
+    if (wait < 0 || left < wait) wait = left;
+  }
+  return wait > INT_MAX ? INT_MAX : static_cast<int>(wait);
 }
 
 // No TLS shutdown exchange: the connection simply closes.
@@ -70,6 +110,17 @@ void CSocket::FillInBuf() {
   if (Eof) return;
   if (Unread() > 0) return;  // refill only a drained buffer
   if (Ssl) {
+    if (Deadline) {
+      // The TLS library receives by itself: the nearest bound is the
+      // socket's own time-out, set to what is left (whole seconds).
+      int left = WaitMs();
+      if (left == 0) {
+        Eof = true;
+        InBufLen = InBufPtr = 0;
+        return;
+      }
+      PlSockSetRecvTimeout(Socket, (left + 999) / 1000);
+    }
     int r = OpenSsl.SSL_read(Ssl, InBuf, static_cast<int>(InBufSize));
     if (r < 1) {
       Eof = true;
@@ -84,7 +135,7 @@ void CSocket::FillInBuf() {
     }
     // A time-out ends the input; a wait error falls through to the receive,
     // which then reports it.
-    if (PlSockWaitReadable(Socket, TimeOut) == 0) {
+    if (PlSockWaitMs(Socket, false, WaitMs()) == 0) {
       Eof = true;
       return;
     }

@@ -30,6 +30,8 @@ struct OPENSSL_FUNCS {
   int (*SSL_set_fd)(SSL* ssl, int fd);
   int (*SSL_write)(SSL* ssl, const void* buf, int num);
   const SSL_METHOD* (*TLS_server_method)(void);
+  // Tells a non-blocking handshake that waits for the peer from a failure.
+  int (*SSL_get_error)(const SSL* ssl, int ret);
 };
 // Filled once by CHttpServer::OpenSSLInit; read-only afterwards.
 extern OPENSSL_FUNCS OpenSsl;
@@ -44,10 +46,15 @@ class CSocket {
   SSL* Ssl;  // owned; NULL for a plain socket
 
   explicit CSocket(PlSocket sock = PL_NO_SOCKET);
-  // TLS server side: runs the handshake, bounded by the receive time-out.
+  // TLS server side: runs the handshake (AcceptTls with kTlsHandshakeMs).
   // On failure it throws 1102 after freeing everything and closing sock, so
   // the caller must not close sock again.
   CSocket(PlSocket sock, SSL_CTX* ctx);
+  // Server side of a TLS handshake on this plain socket, over within
+  // deadlineMs however the peer paces its bytes. False on failure or time-out
+  // (the socket stays open; the caller closes it).
+  bool AcceptTls(SSL_CTX* ctx, int deadlineMs);
+  static const int kTlsHandshakeMs = 10000;
   ~CSocket();
   CSocket(const CSocket&) = delete;
   CSocket& operator=(const CSocket&) = delete;
@@ -73,6 +80,10 @@ class CSocket {
   bool SetBuf(unsigned int size);
   // Takes effect at the next wait; a negative value waits without limit.
   void SetTimeOut(int seconds);
+  // A point in time, ms from now, after which no wait for input goes on,
+  // however the peer paces its bytes: input ends there. Negative: none.
+  void SetDeadline(int ms);
+  bool DeadlinePassed() const;
   int Write(const void* buf, int n);  // one unbuffered send: its count, 0 on failure
   bool IsEof() const { return Eof; }
 
@@ -83,7 +94,11 @@ class CSocket {
   unsigned int InBufLen;
   unsigned int InBufPtr;
   unsigned int InBufSize;
+  uint64_t Deadline;  // monotonic ms; 0: none
 
+  // How long the next wait for input may last: the time-out, cut to the
+  // deadline; -1 without either, 0 once the deadline has passed.
+  int WaitMs() const;
   void FillInBuf();
   bool GetHost(const char* host, unsigned* addr);
   void Init(PlSocket sock);

@@ -1,3 +1,6 @@
+// CStr and CStrList. Helpers first, then CStr by kind of operation
+// (construction, setting, comparison, searching, substrings, editing, paths,
+// files, numbers), and CStrList last.
 #include "cstr.h"
 #include "clistcore.h"
 #include "cfileio.h"

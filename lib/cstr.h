@@ -155,8 +155,10 @@ class CStr {
   float ToFloat() const;
   double ToDouble() const;
 
- private:
-  void Adopt(char* block, int len);  // frees the old block, takes block over
+  // Frees the old block and takes over block, a new[] block of at least
+  // len + 1 bytes with a 0 at block[len]: a large text changes hands
+  // without a copy.
+  void Adopt(char* block, int len);
 };
 
 // A string with an attached object (not owned).

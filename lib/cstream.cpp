@@ -418,11 +418,13 @@ unsigned int CMemStream::Read(void* p, unsigned int n) {
 }
 
 void CMemStream::WriteConv(const char* text, unsigned int n) {
-  if (!text || n == 0) Fail(CERR_GEN_MISSINGARGUMENT);
   if (AccFlags & CSTREAM_BINARY) {
     Write(text, n);
     return;
   }
+  // Text goes byte by byte in principle, so no bytes means nothing to do.
+  if (n == 0) return;
+  if (!text) Fail(CERR_GEN_MISSINGARGUMENT);
   // Converted in slices so a long text costs a few writes, not one per byte.
   char out[1024];
   unsigned int k = 0;

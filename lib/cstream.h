@@ -2,15 +2,15 @@
 // in a chosen byte order and length-framed records (4-byte length before and
 // after each record). Failures throw CERR_GEN_* codes from cerror.h.
 //
-// Error codes used by both classes:
-//   2  file can't be opened for writing      6  file can't be opened for reading
-//   3  seek failed (runtime refused it)       7  stream not open
-//   4  end of data in Getc                    10 bad argument
-//   14 not permitted by the access flags      17 short fixed-size read
-//   21 write failed
+// The codes both classes throw: CERR_GEN_OPENWRITE and CERR_GEN_OPENREAD
+// from Open, CERR_GEN_SEEK when the runtime refuses a seek, CERR_GEN_EOF from
+// Getc at the end, CERR_GEN_FILENOTOPEN, CERR_GEN_MISSINGARGUMENT,
+// CERR_GEN_ACCESS against the access flags, CERR_GEN_SHORTREAD from the
+// fixed-size reads, CERR_GEN_WRITE, and CERR_GEN_MEMORY when a memory block
+// can't be had.
 //
-// Seek takes the library's own origin codes: 0 = here, 1 = the end,
-// 2 = the beginning. A memory stream counts a from-end offset
+// Seek takes the library's own origins, CSTREAM_SEEK_CUR, CSTREAM_SEEK_END
+// and CSTREAM_SEEK_SET (not the runtime's). A memory stream counts a from-end offset
 // backwards (position = Size - offset); a file stream passes it unchanged
 // to fseek with SEEK_END (position = size + offset). The two differ on purpose.
 #ifndef LUMETTA_CSTREAM_H
@@ -18,6 +18,7 @@
 
 #include <cstdio>
 
+#include "cerror.h"
 #include "cmem.h"
 #include "cstr.h"
 
@@ -69,7 +70,7 @@ class CFileStream {
   void WriteFloat(float v);
   void WriteDouble(double v);
 
-  // Runs of n items; a read that cannot fill all n items throws 17.
+  // Runs of n items; a read that cannot fill all n items throws CERR_GEN_SHORTREAD.
   void ReadArray(short* p, unsigned int n);
   void ReadArray(int* p, unsigned int n);
   void ReadArray(long long* p, unsigned int n);
@@ -88,7 +89,7 @@ class CFileStream {
   void ReadFor(void* p, unsigned int n);
   void WriteFor(const void* p, unsigned int n);
 
-  int Getc();  // 0..255; throws 4 at the end
+  int Getc();  // 0..255; throws CERR_GEN_EOF at the end
   // Line reading: CR, LF and CR LF all arrive as one LF. NULL / false at the
   // end when nothing was read.
   char* Gets(char* buf, int size);
@@ -96,7 +97,7 @@ class CFileStream {
   int Puts(const char* s);
   int Printf(const char* fmt, ...);
 
-  // Returns the new position; throws 3 when the runtime refuses the seek.
+  // Returns the new position; throws CERR_GEN_SEEK when the runtime refuses.
   long long Seek(int offset, int whence);
   long long Forward();  // to the end of the file
   void Rewind();

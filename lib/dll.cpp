@@ -1,3 +1,5 @@
+// DllGetAddresses and DllFree: binding a shared library's functions by name
+// at run time, all of them or none.
 #include "dll.h"
 
 #include <cstdarg>

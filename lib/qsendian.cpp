@@ -1,3 +1,5 @@
+// Byte-order helpers: the machine's own order and in-place swaps of single
+// values and runs of items.
 #include "qsendian.h"
 
 #include <algorithm>

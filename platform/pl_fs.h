@@ -31,6 +31,10 @@ PlDir* PlDirOpen(const char* path);
 // Next entry name, without "." and ".."; null at the end. The text stays
 // valid until the next call on the same handle.
 const char* PlDirNext(PlDir* dir);
+// Status of the entry PlDirNext returned last, as the search itself sees it
+// (a link is not followed): what there is to show of a link whose target is
+// gone. False before the first entry or when it has vanished.
+bool PlDirEntryStat(PlDir* dir, PlStatInfo* out);
 void PlDirClose(PlDir* dir);  // accepts null
 
 bool PlMkdir(const char* path);  // one level; false when it exists already
@@ -45,6 +49,9 @@ bool PlGetCwd(std::string* out);
 // Directory for temporary files (TMPDIR or /tmp; GetTempPath on Windows),
 // without a final separator (except for a root).
 bool PlTempDir(std::string* out);
+// Makes a new directory below the temporary one, named prefix plus a unique
+// part, that only the current user can enter; its full path goes to out.
+bool PlMakePrivateTempDir(const char* prefix, std::string* out);
 // Absolute path with links, "." and ".." resolved; the entry must exist.
 bool PlRealPath(const char* path, std::string* out);
 // Full path of the running program file.

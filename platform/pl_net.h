@@ -30,6 +30,20 @@ bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port);
 // Waits until the socket is readable (data, end of input or an error):
 // 1 ready, 0 time-out, -1 error. A negative time-out waits without limit.
 int PlSockWaitReadable(PlSocket s, int timeoutSec);
+// The same with a time-out in milliseconds, for waits cut short by a
+// deadline. A writable wait (forWrite) serves non-blocking handshakes.
+int PlSockWaitMs(PlSocket s, bool forWrite, int timeoutMs);
+// Switches between blocking and non-blocking transfers.
+bool PlSockSetNonBlocking(PlSocket s, bool on);
+// What PlSockPoll waits for and reports.
+const int PL_SOCK_IN = 1;   // readable: data, end of input or an error
+const int PL_SOCK_OUT = 2;  // writable without blocking
+// Waits at most timeoutMs (negative: no limit) for either direction at
+// once: the ready bits, 0 on time-out, -1 on error.
+int PlSockPoll(PlSocket s, int events, int timeoutMs);
+// Sends what fits now without blocking: bytes sent, 0 when nothing fits,
+// -1 on failure.
+int PlSockSendSome(PlSocket s, const void* buf, int n);
 // Time-out of the blocking receive itself (0: none). Used where the wait
 // above can't be, e.g. under a TLS library that receives on its own.
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec);
@@ -38,6 +52,15 @@ int PlSockRecv(PlSocket s, void* buf, int n);        // -1 on failure, 0 at end
 void PlSockShutdownSend(PlSocket s);
 // Closes the socket; a listening socket's blocked accept returns first.
 void PlSockClose(PlSocket s);
+// Closes only our own handle: a listening socket handed to a child process
+// goes on listening there.
+void PlSockCloseHandle(PlSocket s);
+// Local stream sockets named by a file-system path (Unix-domain sockets),
+// for talking to helper processes on this machine only. The path must not
+// exist yet; its directory decides who may connect. PL_NO_SOCKET on failure
+// and where the system has none (Windows for now).
+PlSocket PlSockLocalListen(const char* path, int backlog);
+PlSocket PlSockLocalConnect(const char* path);
 // Resolves a dotted address (taken by address) or a host name (looked up by
 // name, IPv4 only). An all-ones "255.255.255.255" counts as a name, as with
 // the classic resolver. False when nothing is found.

@@ -17,6 +17,16 @@ int PlPipeRead(PlFile f, void* buf, unsigned n);
 // SIGPIPE in the caller.
 bool PlPipeWrite(PlFile f, const void* buf, unsigned n);
 void PlPipeClose(PlFile f);
+// The null device opened for reading and writing, for a child's stream
+// that must go nowhere; close it with PlPipeClose. PL_NO_FILE on failure.
+PlFile PlOpenNullDevice();
+
+// How many files and sockets this process may hold open at once (the soft
+// limit); a generous figure where the system sets none.
+int PlOpenFileLimit();
+// Changes that soft limit (not above the hard one); false where the system
+// has no such limit or refuses.
+bool PlSetOpenFileLimit(int n);
 
 struct PlProcessStartInfo {
   const char* CmdLine = nullptr;  // program and arguments, Windows quoting rules
@@ -28,6 +38,11 @@ struct PlProcessStartInfo {
   bool NoWindow = false;          // no console window (Windows only)
   bool Debug = false;             // watch for a crash of the child
   int Priority = 0;               // class as in PlProcessSetPriority, from the first instruction
+  // The child is killed when we end, also by a crash or a kill: for helper
+  // processes that must never outlive us. On Linux the tie is to the thread
+  // that starts the child, so start such children from a thread that lives
+  // as long as they should.
+  bool EndWithUs = false;
 };
 
 struct PlProc;  // opaque; one per started child
@@ -40,7 +55,7 @@ PlProc* PlProcessStart(const PlProcessStartInfo& info);
 enum PlWaitResult {
   PL_PROC_RUNNING = 0,  // the time ran out, the child still runs
   PL_PROC_EXITED = 1,
-  PL_PROC_CRASHED = 2   // ended by a crash (debug mode only)
+  PL_PROC_CRASHED = 2   // ended by a bad memory access (debug mode only)
 };
 // Waits for the child at most timeoutMs (PL_PROC_INFINITE: no limit). Only the
 // thread that started the child may wait for it (the Windows debug loop).
@@ -54,6 +69,8 @@ void PlProcessTerminate(PlProc* p, unsigned exitCode);
 unsigned PlProcessExitCode(PlProc* p);
 // cls: 0 normal, 1 above normal, 2 below normal. False when refused.
 bool PlProcessSetPriority(PlProc* p, int cls);
+// The system's id of the child.
+long long PlProcessId(PlProc* p);
 // Releases the record. The child must have been waited for.
 void PlProcessClose(PlProc* p);
 

@@ -10,19 +10,31 @@ pkgs=(cmake g++ make pkg-config libgtest-dev libgtk-3-dev libwebkit2gtk-4.1-dev
       php-cgi libssl3 libsqlite3-0 xdg-utils)
 if [[ $what == test || $what == bench ]]; then
   pkgs+=(xvfb xauth openssl curl chromium php-cli x11-apps x11-utils xdotool imagemagick
-        g++-mingw-w64-x86-64 googletest wine wine64)
+        g++-mingw-w64-x86-64 googletest wine wine64 clang libclang-rt-14-dev)
+fi
+# Real PHP applications for the compatibility test, without their
+# recommended companions (those would pull in and start a web server).
+apps=()
+if [[ $what == test || $what == bench ]]; then
+  apps+=(dokuwiki phpliteadmin php-sqlite3 php-mbstring php-xml)
 fi
 if [[ $what == bench ]]; then
   pkgs+=(nginx-light lighttpd wrk)
 fi
 
-missing=()
-for p in "${pkgs[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if ((${#missing[@]})); then
+SUDO=""; [[ $(id -u) -ne 0 ]] && SUDO=sudo
+updated=0
+# install [APT OPTIONS...] -- PACKAGES...: installs those not installed yet.
+install() {
+  local opts=() missing=() p
+  while [[ $1 != -- ]]; do opts+=("$1"); shift; done; shift
+  for p in "$@"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+  done
+  ((${#missing[@]})) || return 0
   echo "setup: installing ${missing[*]}"
-  SUDO=""; [[ $(id -u) -ne 0 ]] && SUDO=sudo
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}"
-fi
+  ((updated)) || { $SUDO apt-get update -qq; updated=1; }
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${opts[@]}" "${missing[@]}"
+}
+install -- "${pkgs[@]}"
+((${#apps[@]} == 0)) || install --no-install-recommends -- "${apps[@]}"

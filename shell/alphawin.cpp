@@ -1,3 +1,5 @@
+// Window fading without a toolkit: the list of managed windows, the fade
+// steps driven by a timer, and the AW_ entry points the window events call.
 #include "alphawin.h"
 
 #include <cstdlib>

@@ -1,3 +1,5 @@
+// The command line: splitting it into words by the Windows rules, and
+// reading /INI, /START and /TITLE from them.
 #include "cmdline.h"
 
 #include <cstdlib>

@@ -1,3 +1,5 @@
+// Reads one key from a profile-format settings file, with the defaults,
+// blanks, quotes and case rules of the Windows profile reader.
 #include "ini_reader.h"
 
 #include <cstdio>

@@ -1,3 +1,5 @@
+// The player's start, shared by every front end: options, settings, window
+// shaping, the server's set-up and port search, then the first navigation.
 #include "player_start.h"
 
 #include <cstdio>
@@ -39,9 +41,19 @@ void LocateProgram() {
   if (IniFile.IsEmpty()) IniFile = ProgDir + "/Lumetta.ini";
 }
 
-void CreateServer() {
+// A fresh key each run: any page in any browser and any program on the
+// machine can reach the port, but only the window is given the key.
+void CreateServer(bool accessKey) {
   HttpServer = new CHttpServer;
   HttpServer->SetListeningAddr(0x7F000001);
+  if (accessKey) {
+    CStr key = CHttpServer::NewAccessKey();
+    if (key.IsEmpty()) {
+      Error("No random numbers could be had from the system for the access key.");
+      throw 0;
+    }
+    HttpServer->SetAccessKey(key.c_str());
+  }
   HttpServer->EngsAdd("/run.ebd", RunWrapper, 1);
   HttpServer->OnCgi = CgiWrapper;
 }
@@ -172,12 +184,18 @@ void ConfigureServer() {
   RegisterMimeTypes(HttpServer);
 }
 
-// Takes the first port from PORT upwards that can be listened on, wrapping
-// past 65535. After one full round without success it gives up, and the
-// accept step below reports the failure.
+bool ListenOn(int port, void*) {
+  return HttpServer->SetPortA(static_cast<unsigned short>(port)) && HttpServer->StartListening();
+}
+
+// Listens on the first port from PORT upwards that is free. Port 0 means "any
+// port" to the system, so the search goes on from 1 after 65535; after one
+// full round the player gives up rather than go on forever.
 void FindPort() {
-  for (int tries = 0; tries < 65536 && !HttpServer->StartListening(); tries++)
-    HttpServer->SetPortA(static_cast<unsigned short>(HttpServer->GetPort() + 1));
+  if (SearchPorts(HttpServer->GetPort(), ListenOn, nullptr) == 0) {
+    Error("No free port was found to listen on.");
+    throw 0;
+  }
 }
 
 void StartAcceptingOrFail() {
@@ -209,6 +227,15 @@ int PlayerMain(char* const* words, int count, void (*run)(void* arg), void* arg)
   return 0;
 }
 
+int SearchPorts(int first, bool (*tryPort)(int port, void* arg), void* arg) {
+  int port = first >= 1 && first <= 65535 ? first : 1;
+  for (int tries = 0; tries < 65535; tries++) {
+    if (tryPort(port, arg)) return port;
+    port = port == 65535 ? 1 : port + 1;
+  }
+  return 0;
+}
+
 CStr StartAddress(int port, const CStr& startPage) {
   CStr url;
   url.Printf("http://localhost:%d", port);
@@ -230,15 +257,34 @@ PhpCommand FindPhpCommand() {
   return cmd;
 }
 
-void StartPlayer(PlayerWindow& window) {
+CStr KeyAddress(const CStr& address, const CStr& key) {
+  if (key.IsEmpty()) return address;
+  CStr url = address;
+  if (url.FindChar('?') >= 0) {
+    url += "&";
+  } else {
+    // The key is taken from the query of a path; a bare origin gets one.
+    if (url.Len >= 8 && CStr(url.c_str() + 7).FindChar('/') < 0) url += "/";
+    url += "?";
+  }
+  url += CHttpServer::AccessKeyName;
+  url += "=";
+  url += key;
+  return url;
+}
+
+void StartPlayer(PlayerWindow& window, bool accessKey) {
   LocateProgram();
-  CreateServer();
+  CreateServer(accessKey);
   ShapeWindow(window);
   bool popupMenu = ReadIniInt(INI_POPUPMENU) != 0;
   ConfigureServer();
   FindPort();
   StartAcceptingOrFail();
-  window.Navigate(StartAddress(HttpServer->GetPort(), StartPage).c_str());
+  // The first load fetches the key's cookie; the server then leads the
+  // view on to the start address itself.
+  CStr start = StartAddress(HttpServer->GetPort(), StartPage);
+  window.Navigate(KeyAddress(start, HttpServer->GetAccessKey()).c_str());
   if (!popupMenu) window.SuppressContextMenu();
   if (ReadIniInt(INI_GLASSWIN)) window.MakeTranslucent();
 }

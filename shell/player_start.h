@@ -37,16 +37,26 @@ int PlayerMain(char* const* words, int count, void (*run)(void* arg), void* arg)
 // Runs the whole start: program directory, settings file, server creation and
 // registrations, window shaping, port search, accepting and the first
 // navigation. Throws int 0 (after telling the user) when the server cannot
-// accept connections; HttpServer is set from the start on.
-void StartPlayer(PlayerWindow& window);
+// accept connections; HttpServer is set from the start on. With accessKey
+// the server gets a fresh random key and the window is led to it first.
+void StartPlayer(PlayerWindow& window, bool accessKey = true);
 
 // Stops and frees the server (the window's destroy handler and the end of
 // lumetta-serve).
 void StopPlayer();
 
+// Offers tryPort the ports from first upwards, going on from 1 after 65535,
+// each once at most. Returns the port it accepted, 0 when it took none.
+int SearchPorts(int first, bool (*tryPort)(int port, void* arg), void* arg);
+
 // The address the browser opens: "http://localhost:<port>" and, with a start
 // page, "/" and the page.
 CStr StartAddress(int port, const CStr& startPage);
+
+// address with the server's access key added to its query; the server
+// answers it with the key's cookie and a redirect to address itself.
+// Unchanged for an empty key.
+CStr KeyAddress(const CStr& address, const CStr& key);
 
 // Path of the PHP interpreter the player registers, and its argument text.
 struct PhpCommand {

@@ -1,3 +1,5 @@
+// The settings table of Lumetta.ini (key, default, type) and the reader that
+// takes one row from the file.
 #include "settings.h"
 
 #include <cstdlib>
@@ -28,6 +30,8 @@ const INI_KEY IniKeyTable[INI_KEY_COUNT] = {
     {"HOMEDIR", "%PROGDIR%", INI_TYPE_STRING},
     {"PHP", "0", INI_TYPE_INT},
     {"PORT", "80", INI_TYPE_INT},
+    // Persistent PHP interpreters; 0 starts one per request.
+    {"PHP_WORKERS", "2", INI_TYPE_INT},
 };
 
 void ReadIniKey(void* value, int key) {

@@ -3,7 +3,7 @@
 #ifndef LUMETTA_SHELL_SETTINGS_H
 #define LUMETTA_SHELL_SETTINGS_H
 
-// Value types of IniKeyTable rows.
+// Value types of IniKeyTable rows. No key is a float (kept for the format).
 enum { INI_TYPE_FLOAT = 0, INI_TYPE_STRING = 1, INI_TYPE_INT = 2 };
 
 struct INI_KEY {
@@ -17,7 +17,7 @@ enum INI_KEYS {
   INI_TITLE, INI_TOP, INI_LEFT, INI_CENTER, INI_CLIENT_WIDTH, INI_CLIENT_HEIGHT,
   INI_SIZEABLE, INI_BORDER, INI_GLASSWIN, INI_STAYONTOP, INI_ICON, INI_ICON_SYSMENU,
   INI_ICON_MINIMIZE, INI_ICON_MAXIMIZE, INI_STATUSBAR, INI_POPUPMENU, INI_HOMEDIR, INI_PHP,
-  INI_PORT, INI_KEY_COUNT
+  INI_PORT, INI_PHP_WORKERS, INI_KEY_COUNT
 };
 
 extern const INI_KEY IniKeyTable[INI_KEY_COUNT];
@@ -28,7 +28,8 @@ extern const char* const IniSection;  // "Lumetta"
 // with digits read as 0. The file is read again at every call.
 void ReadIniKey(void* value, int key);
 
-// Convenience forms of ReadIniKey for the two types in use.
+// ReadIniKey for an integer row, returning the value. Text rows go through
+// ReadIniKey with a CStr.
 int ReadIniInt(int key);
 
 #endif

@@ -1,11 +1,11 @@
+// Error, the player's one way of telling the user that something failed:
+// a message box owned by the main window, echoed on standard error.
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "pl_ui.h"
 #include "shell_state.h"
-
-void* MainWindowHandle = nullptr;
 
 void Error(const char* format, ...) {
   char text[512];

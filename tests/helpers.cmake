@@ -24,3 +24,12 @@ if(TARGET lumetta_testsupport AND TARGET lumetta_engines)
   target_link_libraries(lumetta_testsupport PUBLIC lumetta_engines)
 endif()
 
+# Holds a PHP worker pool until it is killed (the pool's no-orphans test).
+if(TARGET lumetta_engines)
+  add_executable(pool_helper ${CMAKE_CURRENT_SOURCE_DIR}/helpers/pool_helper.cpp)
+  target_link_libraries(pool_helper PRIVATE lumetta_engines)
+  set_target_properties(pool_helper PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/helpers)
+  if(TARGET test_phppool)
+    add_dependencies(test_phppool pool_helper)
+  endif()
+endif()

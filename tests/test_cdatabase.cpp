@@ -1,3 +1,5 @@
+// CDatabase against the system's SQLite: the blob encoding, statements built
+// from hostile text, key comparison and blobs.
 #include <gtest/gtest.h>
 
 #include "cdatabase.h"
@@ -86,4 +88,37 @@ TEST_F(CDatabaseTest, BlobsOfEveryByteValueRoundTrip) {
   EXPECT_EQ(std::string(back, len), all);
   delete[] back;
   EXPECT_EQ(Db.BlobGet("people", "pic", row + 100, len), nullptr);
+}
+
+TEST_F(CDatabaseTest, TableNamesAndHowKeysCompare) {
+  EXPECT_TRUE(Db.TableExist("people"));
+  EXPECT_TRUE(Db.TableExist("main.people"));
+  EXPECT_FALSE(Db.TableExist("temp.people"));
+  EXPECT_FALSE(Db.TableExist(""));
+  EXPECT_FALSE(Db.TableExist("people; DROP TABLE people"));
+  EXPECT_TRUE(Db.TableExist("people"));
+
+  // A key column without a declared type keeps integers and text apart.
+  ASSERT_TRUE(Db.Exec("CREATE TABLE u (k, v); INSERT INTO u VALUES (5, 'int5'), ('5', 'text5'), "
+                      "(-7, 'neg'), (8, 'eight'), ('a''b', 'quoted');"));
+  Db.SetPriKeyName("k");
+  // Update and BlobPutID compare the key as text.
+  ASSERT_TRUE(Db.Update("u", "5", "v", "text5 changed", (const char*)nullptr));
+  ASSERT_TRUE(Db.Update("u", "v", "v", "all?", (const char*)nullptr));  // a column's name is just text
+  ASSERT_TRUE(Db.BlobPutID("u", "v", "a'b", "blob", 4));
+  // Delete compares digits as a number; anything else stays one quoted value.
+  for (const char* key : {"5", "-7", "8 OR 1=1", "1' OR '1'='1", "a'b"}) ASSERT_TRUE(Db.Delete("u", key)) << key;
+  EXPECT_EQ(Select("SELECT k, typeof(k), v FROM u ORDER BY v;"),
+            (std::vector<std::string>{"k=8;typeof(k)=integer;v=eight", "k=5;typeof(k)=text;v=text5 changed"}));
+}
+
+TEST_F(CDatabaseTest, BlobThatDoesNotDecode) {
+  ASSERT_TRUE(Db.Exec("INSERT INTO people (id, pic) VALUES (1, x'05610104');"));  // escape 1 then 4
+  int len = 0;
+  char* raw = Db.BlobGet("people", "pic", 1, len);
+  ASSERT_NE(raw, nullptr);
+  EXPECT_EQ(len, -1);
+  delete[] raw;
+  CMem mem;
+  EXPECT_FALSE(Db.BlobGet("people", "pic", 1, mem));
 }

@@ -95,25 +95,26 @@ TEST_F(CgiTest, EnvironmentFollowsTheTableInOrder) {
   TestSetEnv("TEMP", nullptr);
   EnginesReply r = Get("/env.php?q=1",
                        "Accept: text/x-test\r\nCookie: c=1\r\nUser-Agent: UA/1\r\nReferer: http://r/\r\n"
-                       "Proxy: http://evil:1/\r\nRedirect-Status: 200\r\nX-Other: 1\r\n");
+                       "Proxy: http://evil:1/\r\nRedirect-Status: 200\r\nX-Other: 1\r\nX_Under: no\r\n"
+                       "If-None-Match: \"e1\"\r\nx-other:  2 \r\n");
   TestSetEnv("TMP", nullptr);
   std::string port = std::to_string(Srv->GetPort());
   size_t rp = r.Body.find("REMOTE_PORT=");
   ASSERT_NE(rp, npos);
   std::string remotePort = r.Body.substr(rp + 12, r.Body.find('\n', rp) - rp - 12);
+  // Header variables only for headers sent; the others after the fixed
+  // list, a repeated one joined; Proxy and names with "_" never.
   std::string expected = "QUERY_STRING=q=1\nDOCUMENT_ROOT=" + Home +
-                         "\nGATEWAY_INTERFACE=CGI/1.1\nHTTP_ACCEPT= text/x-test\nHTTP_ACCEPT_LANGUAGE=\n"
-                         "HTTP_ACCEPT_ENCODING=\nHTTP_CONNECTION=\nHTTP_COOKIE=c=1\nHTTP_HOST=localhost\n"
-                         "HTTP_REFERER=http://r/\nHTTPS=\nHTTP_UA_CPU=x86\nHTTP_USER_AGENT=UA/1\nPATH=" +
+                         "\nGATEWAY_INTERFACE=CGI/1.1\nHTTP_ACCEPT= text/x-test\nHTTP_COOKIE=c=1\n"
+                         "HTTP_HOST=localhost\nHTTP_REFERER=http://r/\nHTTP_USER_AGENT=UA/1\nPATH=" +
                          getenv("PATH") +
-                         "\nPATH_INFO=\nPATH_TRANSLATED=\nREMOTE_ADDR=127.0.0.1\nREMOTE_HOST=127.0.0.1\n"
-                         "REMOTE_PORT=" + remotePort + "\nREQUEST_METHOD=GET\nREQUEST_URI=/env.php\n"
+                         "\nREMOTE_ADDR=127.0.0.1\nREMOTE_HOST=127.0.0.1\n"
+                         "REMOTE_PORT=" + remotePort + "\nREQUEST_METHOD=GET\nREQUEST_URI=/env.php?q=1\n"
                          "SCRIPT_FILENAME=" + Home + "/env.php\nSCRIPT_NAME=/env.php\nSERVER_ADDR=127.0.0.1\n"
                          "SERVER_NAME=localhost\nSERVER_PORT=" + port +
-                         "\nSERVER_SIGNATURE=<ADDRESS>Lumetta/1.0.3 Server at localhost Port " + port +
-                         "</ADDRESS>\nSERVER_PROTOCOL=HTTP/1.1\nSERVER_SOFTWARE=Lumetta/1.0.3 (Windows)\n"
-                         "TMP=/tmp/lumetta-tmp\n";
-  // Nothing else: no HTTP_PROXY, REDIRECT_STATUS or other header slips in.
+                         "\nSERVER_PROTOCOL=HTTP/1.1\nSERVER_SIGNATURE=<ADDRESS>Lumetta/1.0.3 Server at localhost Port " +
+                         port + "</ADDRESS>\nSERVER_SOFTWARE=Lumetta/1.0.3 (Windows)\nTMP=/tmp/lumetta-tmp\n"
+                         "HTTP_REDIRECT_STATUS=200\nHTTP_X_OTHER=1, 2\nHTTP_IF_NONE_MATCH=\"e1\"\n";
   EXPECT_EQ(r.Body, expected);
 }
 
@@ -127,6 +128,35 @@ TEST_F(CgiTest, StatusLineFromTheInterpreter) {
   EXPECT_EQ(r.StatusLine, "HTTP/1.1 404 Not Found");
   EXPECT_TRUE(r.Has("\r\nServer: Lumetta Server\r\n"));
   EXPECT_EQ(r.Body, "gone");
+}
+
+// Past the first line, Status is looked for in the whole header block and
+// taken out of it; a Location alone is a redirect.
+TEST_F(CgiTest, StatusFromAnywhereInTheHeaderBlock) {
+  const struct {
+    const char* out;
+    std::string reply;
+  } cases[] = {
+      {"X-A: 1\\r\\nSet-Cookie: a=b\\r\\nStatus: 404 Not Found\\r\\n\\r\\nbody",
+       "HTTP/1.1 404 Not Found\r\nX-A: 1\r\nSet-Cookie: a=b\r\n\r\nbody"},
+      {"Location: /next\\r\\n\\r\\n", "HTTP/1.1 302 Found\r\nLocation: /next\r\n\r\n"},
+      {"Location: /n\\nstatus:   301 Moved\\n\\n", "HTTP/1.1 301 Moved\r\nLocation: /n\n\n"},
+      // A Status line in the body is body.
+      {"X-A: 1\\n\\nStatus: 500 x", "HTTP/1.1 200 OK\r\nX-A: 1\n\nStatus: 500 x"},
+      // A block that never ends is relayed as it comes, under 200.
+      {"X-A: 1\\r\\nStatus: 404 Not Found\\r\\n", "HTTP/1.1 200 OK\r\nX-A: 1\r\nStatus: 404 Not Found\r\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.out);
+    Fake("st", std::string("print \"") + c.out + "\"");
+    std::string raw = Get("/page.st").Raw;
+    size_t date = raw.find("\r\nDate: ");
+    ASSERT_NE(date, npos);
+    // Our Server and Date lines sit right after the status line.
+    EXPECT_EQ(raw.substr(0, raw.find("\r\n") + 2) + raw.substr(raw.find("\r\n", date + 2) + 2), c.reply);
+    Srv = EnginesStartServer(Home, true);
+    ASSERT_NE(Srv, nullptr);
+  }
 }
 
 TEST_F(CgiTest, SessionAndCookieAcrossRequests) {
@@ -231,7 +261,7 @@ TEST_F(CgiTest, InterpreterGetsTheRequestEnvironmentAndTheExactBody) {
   ASSERT_NE(end, npos) << r.Raw.substr(0, 300);
   std::string env = "\n" + r.Body.substr(0, end + 1);
   for (std::string var : std::vector<std::string>{"CONTENT_LENGTH=70000", "CONTENT_TYPE=application/octet-stream", "QUERY_STRING=q=1",
-                          "GATEWAY_INTERFACE=CGI/1.1", "REQUEST_METHOD=POST", "REQUEST_URI=/page.echo",
+                          "GATEWAY_INTERFACE=CGI/1.1", "REQUEST_METHOD=POST", "REQUEST_URI=/page.echo?q=1",
                           "SCRIPT_NAME=/page.echo", "SERVER_PORT=" + std::to_string(Srv->GetPort())})
     EXPECT_NE(env.find("\n" + var + "\n"), npos) << var;
   EXPECT_TRUE(r.Body.substr(end + 2) == body);

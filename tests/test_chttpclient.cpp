@@ -67,21 +67,35 @@ TEST(CHttpClient, StatusAndTransportFailures) {
   EXPECT_EQ(ThrownCode([&] { c.Get(); }), CERR_HTTPCLI_NOPATH);
 }
 
-TEST(CHttpClient, ProgressReportsAndCanAbort) {
-  std::string reply = kOkHead + "Content-Length: 100\r\n\r\n" + std::string(100, 'b');
-  ExtrasRawPeer peer({reply, reply});
+TEST(CHttpClient, ProgressAfterEveryRefillAndAbort) {
+  const int size = 20000;
+  std::string reply = kOkHead + "Content-Length: " + std::to_string(size) + "\r\n\r\n" + std::string(size, 'b');
+  ExtrasRawPeer peer({reply, reply, kOkHead + "Content-Length: 0\r\n\r\n", kOkHead + "\r\n"});
   CHttpClient c;
   Aim(c, peer.Port());
-  c.SetBlockSize(30);
+  c.SetBlockSize(1 << 20);  // the receive block does not set the pace
   Progress all, stop;
   c.SetCallBack(Record, &all);
-  EXPECT_EQ(Fetch(c), std::string(100, 'b'));
-  EXPECT_EQ(all.Calls, (std::vector<std::pair<int, int>>{{30, 100}, {60, 100}, {90, 100}, {100, 100}}));
+  EXPECT_EQ(Fetch(c), std::string(size, 'b'));
+  // Every refill of the socket's 4 KiB buffer is reported, none is merged.
+  ASSERT_GE(all.Calls.size(), (size_t)(size / 4096 + 1));
+  for (size_t i = 0; i < all.Calls.size(); ++i) {
+    int before = i ? all.Calls[i - 1].first : 0;
+    EXPECT_GT(all.Calls[i].first, before);
+    EXPECT_LE(all.Calls[i].first - before, 4096);
+    EXPECT_EQ(all.Calls[i].second, size);
+  }
+  EXPECT_EQ(all.Calls.back().first, size);
   stop.StopAfter = 2;
   c.SetCallBack(Record, &stop);
   EXPECT_EQ(ThrownCode([&] { c.Get(); }), CERR_GEN_ABORTED);
   EXPECT_TRUE(c.AbortedByUser);
   EXPECT_EQ(stop.Calls.size(), 2u);
+  // An empty body, with and without a length, is no body at all.
+  c.SetCallBack(nullptr, nullptr);
+  EXPECT_EQ(Fetch(c), "<null>");
+  EXPECT_EQ(c.ErrCode, 200);
+  EXPECT_EQ(Fetch(c), "<null>");
 }
 
 TEST(CHttpClient, FilesRedirectsAndCredentialsOnOurServer) {

@@ -1,3 +1,4 @@
+// CMem, CMemList and CCharVect: adoption, files, flattening and cursors.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -52,6 +52,11 @@ TEST(CPipeStream, EndStatesExitCodesAndTimeOut) {
       {"sleep 30", CPIPE_READ, 1, CPIPE_ST_TIMEDOUT, 1},
       {"crash", CPIPE_READ | CPIPE_DEBUG, 0, CPIPE_ST_CRASHED, -1},
       {"crash", CPIPE_READ, 0, 0, -1},  // outside debug mode a crash is just an end
+      {"signal 7", CPIPE_READ | CPIPE_DEBUG, 0, CPIPE_ST_CRASHED, -1},  // SIGBUS: a bad access too
+      // Aborts, bad instructions and arithmetic traps are ends, not crashes.
+      {"signal 6", CPIPE_READ | CPIPE_DEBUG, 0, 0, 128 + 6},
+      {"signal 4", CPIPE_READ | CPIPE_DEBUG, 0, 0, 128 + 4},
+      {"signal 8", CPIPE_READ | CPIPE_DEBUG, 0, 0, 128 + 8},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args);
@@ -93,6 +98,16 @@ TEST(CPipeStream, MisuseThrowsCodes) {
       {CERR_GEN_WRITE, [&] { gone.Write(big.data(), (unsigned)big.size()); }},  // not a broken-pipe signal
   };
   for (const auto& c : cases) EXPECT_EQ(Thrown(c.second), c.first);
+  // Text writes of nothing do nothing, in every line-end mode.
+  CPipeStream text;
+  text.Open(HelperCmd("exit 0").c_str(), nullptr, nullptr, CPIPE_WRITE);
+  text.Wait();  // the watcher reads the flags while it runs
+  for (int mode : {0, 1, 2}) {
+    text.TextMode = mode;
+    EXPECT_EQ(Thrown([&] { text.WriteConv("", 0); }), 0) << mode;
+  }
+  text.AccFlags |= CPIPE_BINARY;
+  EXPECT_EQ(Thrown([&] { text.WriteConv("", 0); }), CERR_GEN_MISSINGARGUMENT);
 }
 
 TEST(CPipeStream, GetsLineEndRules) {
@@ -130,15 +145,35 @@ std::string WithoutSystemVariables(const std::string& env) {
   return kept;
 }
 
-TEST(CPipeStream, ChildGetsExactlyTheGivenEnvironment) {
+TEST(CPipeStream, ChildGetsTheGivenEnvironmentOrOurs) {
   CStrList env, none;
   env.Add("ALPHA=1");
   env.Add("EMPTY=");
   env.Add("SPACED=two words");
   CPipeStream p;
   EXPECT_EQ(WithoutSystemVariables(RunToEnd(p, HelperCmd("env"), CPIPE_READ, &env)), "ALPHA=1\nEMPTY=\nSPACED=two words\n");
-  EXPECT_EQ(WithoutSystemVariables(RunToEnd(p, HelperCmd("env"), CPIPE_READ, &none)), "");
-  EXPECT_NE(RunToEnd(p, HelperCmd("env")).find("PATH="), std::string::npos);  // no list: ours is inherited
+  // No list and an empty list alike: the child inherits ours.
+  EXPECT_NE(RunToEnd(p, HelperCmd("env"), CPIPE_READ, &none).find("PATH="), std::string::npos);
+  EXPECT_NE(RunToEnd(p, HelperCmd("env")).find("PATH="), std::string::npos);
+}
+
+TEST(CPipeStream, ErrorOutputMergedOrOnAPipeOfItsOwn) {
+  CPipeStream p;
+  EXPECT_EQ(RunToEnd(p, HelperCmd("both out\\n err\\n")), "out\nerr\n");
+  std::string err;
+  std::thread drain;
+  p.Open(HelperCmd("both out\\n err\\n").c_str(), nullptr, nullptr, CPIPE_READ | CPIPE_STDERR);
+  drain = std::thread([&] {
+    char buf[64];
+    unsigned n;
+    while ((n = p.ReadErr(buf, sizeof buf)) > 0) err.append(buf, n);
+  });
+  EXPECT_EQ(ReadAll(p), "out\n");
+  p.Wait();
+  drain.join();
+  EXPECT_EQ(err, "err\n");
+  CPipeStream plain;
+  EXPECT_EQ(Thrown([&] { plain.ReadErr(&err[0], 1); }), CERR_GEN_WRITEONLY);
 }
 
 TEST(CPipeStream, CommandLineFollowsWindowsQuotingRules) {

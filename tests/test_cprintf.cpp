@@ -38,6 +38,8 @@ int Count(std::string* out, const char* fmt, ...) {
 TEST(QsPrintf, IntegersWidthsAndFlags) {
   EXPECT_EQ(Fmt("%d|%i|%u", -42, 17, 4000000000u), "-42|17|4000000000");
   EXPECT_EQ(Fmt("%d|%lld", INT_MIN, LLONG_MIN), "-2147483648|-9223372036854775808");
+  // %ld and %lu take the platform's long, whatever its width.
+  EXPECT_EQ(Fmt("%ld|%lu", LONG_MIN, ULONG_MAX), std::to_string(LONG_MIN) + "|" + std::to_string(ULONG_MAX));
   EXPECT_EQ(Fmt("%x %X %o", 0xbeef, 0xbeef, 8), "beef BEEF 10");
   EXPECT_EQ(Fmt("%-5d|%5d|%05d|%.3d", 42, 42, -42, 7), "42   |   42|-0042|007");
   EXPECT_EQ(Fmt("%+d %+d % d", 5, -5, 5), "+5 -5  5");

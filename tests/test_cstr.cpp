@@ -1,3 +1,5 @@
+// CStr and CStrList: the empty-string rules, comparison and search, editing,
+// Base64, paths, file helpers and the list.
 #include <gtest/gtest.h>
 
 #include <cstring>

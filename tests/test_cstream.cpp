@@ -1,3 +1,5 @@
+// File and memory streams: blocks and seeks, both byte orders, line ends,
+// record framing and the file open modes.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -94,6 +96,12 @@ TEST(CStreams, LineEndsInAndOut) {
     s.Printf("%c\n", 'b');
     EXPECT_EQ(Content(s), c.expect);
   }
+  // Text is converted byte by byte, so no bytes is no work; a raw write of
+  // nothing is still a mistake.
+  CMemStream text(RW), binary(RW | CSTREAM_BINARY);
+  EXPECT_EQ(ThrownCode([&] { text.WriteConv("", 0); }), 0);
+  EXPECT_EQ(ThrownCode([&] { binary.WriteConv("", 0); }), CERR_GEN_MISSINGARGUMENT);
+  EXPECT_EQ(Content(text), "");
 
   ExtrasTempDir dir;
   std::string longLine(3000, 'x');

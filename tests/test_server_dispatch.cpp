@@ -4,12 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "pl_fs.h"
-#include "pl_path.h"
+#include "pl_time.h"
 #include "server_support.h"
 
 using namespace srvtest;
@@ -80,6 +81,21 @@ TEST_F(DispatchTest, ListingPutsDirectoriesFirstCaseBlindWithParentLink) {
   r = Get(Port(), "/files/alpha/inner/");
   EXPECT_NE(r.Body.find("Index of /files/alpha/inner</h1><hr>\n" + table("/files/alpha") + "</table>"),
             std::string::npos);
+}
+
+TEST_F(DispatchTest, ListingShowsALinkWhoseTargetIsGone) {
+  std::string dir = Outside.MakeDir("links");
+  std::error_code ec;
+  std::filesystem::create_symlink("nowhere-at-all", dir + "/gone", ec);
+  if (ec) GTEST_SKIP() << "no symbolic links here: " << ec.message();
+  Outside.Write("links/kept.txt", "k");
+  ASSERT_NE(Srv().VdirAdd("/l", dir.c_str(), HTTPS_OBJF_ENABLED | HTTPS_OBJF_BROWSE), nullptr);
+  Server.Start();
+  std::string body = Get(Port(), "/l/").Body;
+  // Shown as the link itself: a file as large as the name it points to.
+  EXPECT_NE(body.find("<a href=\"/l/gone\">gone</a></td>\n    <td align=\"right\">14</td>"), std::string::npos)
+      << body;
+  EXPECT_NE(body.find("<a href=\"/l/kept.txt\">"), std::string::npos);
 }
 
 TEST_F(DispatchTest, TopLevelListingHasNoTable) {
@@ -177,12 +193,14 @@ TEST_F(DispatchTest, MultipartUploadArrivesByteExact) {
   std::string body = b + disp + "\"title\"\r\n\r\nhello%21 world\r\n" +
                      b + disp + "\"blob\"; filename=\"blob.bin\"" + octets + file + "\r\n" +
                      b + disp + "\"none\"; filename=\"\"" + octets + "\r\n" +
-                     b + disp + "\"after\"\r\n\r\nlast\r\n" + b + "--\r\n";
+                     // The file name may come first; it is still a file, not a field called "x%41.bin".
+                     b + "\r\nContent-Disposition: form-data; filename=\"x%41.bin\"; name=\"early\"" + octets +
+                     "a%41\r\n" + b + disp + "\"after\"\r\n\r\nlast\r\n" + b + "--\r\n";
   std::string raw = Exchange(Port(),
       "POST /echo HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=" + b.substr(2) +
       "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
-  EXPECT_TRUE(ParseReply(raw).Body == "args 3\ntitle\t12\thello! world\nblob\t" +
-                                          std::to_string(file.size()) + "\t" + file + "\nafter\t4\tlast\n");
+  EXPECT_TRUE(ParseReply(raw).Body == "args 4\ntitle\t12\thello! world\nblob\t" + std::to_string(file.size()) +
+                                          "\t" + file + "\nearly\t4\ta%41\nafter\t4\tlast\n");
 }
 
 std::atomic<int> handlerCalls{0};

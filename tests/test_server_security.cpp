@@ -74,8 +74,8 @@ TEST_F(SecurityTest, TraversalCorpusNeverLeavesTheRoots) {
       "http://localhost/../secret.txt", "/~/secret.txt",
       // NUL inside a name.
       "/a.txt%00.html", "/%00/../secret.txt", "/link_out%00",
-      // Very long paths: the line reader cuts them, the rest becomes a header.
-      "/" + std::string(10240, 'a'), "/" + repeat("../", 3500) + "secret.txt",
+      // Very long paths: past 8 KiB refused whole (414), just below it resolved.
+      "/" + std::string(10240, 'a'), "/" + repeat("../", 2700) + "secret.txt",
       "/" + repeat("a/", 2500) + repeat("../", 2600),
       // Links out of the home directory.
       "/link_out", "/dirlink", "/dirlink/", "/dirlink/secret.txt", "/dirlink/home/../secret.txt",
@@ -88,7 +88,7 @@ TEST_F(SecurityTest, TraversalCorpusNeverLeavesTheRoots) {
     SCOPED_TRACE(target.substr(0, 80));
     std::string raw = Exchange(Server.Port(), "GET " + target + " HTTP/1.1\r\nHost: h\r\n\r\n");
     int status = ParseReply(raw).Status;
-    EXPECT_TRUE(status == 403 || status == 404) << raw.substr(0, 40);
+    EXPECT_TRUE(status == 403 || status == 404 || status == 414) << raw.substr(0, 40);
     EXPECT_EQ(raw.find("TOPSECRET"), std::string::npos);
   }
   // What stays inside is still served.
@@ -130,14 +130,8 @@ TEST_F(SecurityTest, MalformedBodiesGetAStatedReplyOrNone) {
             "HTTP/1.1 413 Request Entity Too Large\r\n");
   EXPECT_TRUE(Server.WaitLog("Incomplete POST"));
 
-  // Lengths that are no lengths, or too large.
-  const std::string lengthRequired = "HTTP/1.1 411 Length Required\r\n";
-  const std::string tooLarge = "HTTP/1.1 413 Request Entity Too Large\r\n";
-  EXPECT_EQ(Post("Content-Length: -5\r\n", "a=1"), lengthRequired);
-  EXPECT_EQ(Post("Content-Length: abc\r\n", "a=1"), lengthRequired);
-  std::string huge = Post("Content-Length: 99999999999999\r\n", "a=1", true);
-  EXPECT_TRUE(huge == lengthRequired || huge == tooLarge) << huge;
-  EXPECT_EQ(Post("Content-Length: 70000\r\n", std::string(70000, 'x')), tooLarge);
+  // A length past the limit (malformed ones: test_server_access).
+  EXPECT_EQ(Post("Content-Length: 70000\r\n", std::string(70000, 'x')), "HTTP/1.1 413 Request Entity Too Large\r\n");
 }
 
 }  // namespace

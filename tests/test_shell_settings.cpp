@@ -50,13 +50,15 @@ TEST_F(ShellSettings, ReaderFindsValues) {
 TEST_F(ShellSettings, TableReadsTheFileAfreshWithDefaultsAndNumbers) {
   IniFile = Path.c_str();
   EXPECT_EQ(ReadIniInt(INI_PORT), 80);  // no file: the table's defaults
+  EXPECT_EQ(ReadIniInt(INI_PHP_WORKERS), 2);
   Write("[lumetta]\nport = 8580abc\nCENTER=no\nBORDER=-1\nSIZEABLE=\n");
   EXPECT_EQ(ReadIniInt(INI_PORT), 8580);  // numbers read like atol
   EXPECT_EQ(ReadIniInt(INI_CENTER), 0);
   EXPECT_EQ(ReadIniInt(INI_BORDER), -1);
   EXPECT_EQ(ReadIniInt(INI_SIZEABLE), 0);  // present but empty is not the default
-  Write("[Lumetta]\nPORT=2\n");  // every call reads the file again
+  Write("[Lumetta]\nPORT=2\nPHP_WORKERS=0\n");  // every call reads the file again
   EXPECT_EQ(ReadIniInt(INI_PORT), 2);
+  EXPECT_EQ(ReadIniInt(INI_PHP_WORKERS), 0);
 }
 
 }  // namespace

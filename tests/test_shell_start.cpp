@@ -3,6 +3,7 @@
 // ctest-labels: threads
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -77,7 +78,13 @@ class ShellStart : public ::testing::Test {
     Tmp.Write("Lumetta.ini", "[Lumetta]\n" + ini + "\nPORT=" + std::to_string(QuietPort()) +
                                  "\nHOMEDIR=" + Tmp.Path() + "\n");
     StartPlayer(W);
-    return "navigate http://localhost:" + std::to_string(HttpServer->GetPort());
+    return "navigate http://localhost:" + std::to_string(HttpServer->GetPort()) + "/" + KeyQuery("?");
+  }
+  // The window's first load carries the server's fresh access key.
+  static std::string KeyQuery(const char* sep) {
+    const CStr& key = HttpServer->GetAccessKey();
+    EXPECT_EQ(key.Len, 32);
+    return std::string(sep) + "lumetta_key=" + key.c_str();
   }
 };
 
@@ -115,7 +122,7 @@ TEST_F(ShellStart, DefaultsTitleStartPageMissingIconAndTakenPort) {
   EXPECT_EQ(W.Log, (Calls{"caption From the command line", "centered", "status on", "sizeable",
                           "width 640", "height 480", "not on top", "buttons SNX",
                           "navigate http://localhost:" + std::to_string(port + 1) +
-                              "/docs/a.html"}));
+                              "/docs/a.html" + KeyQuery("?")}));
   PlSockClose(blocker);
 }
 
@@ -134,4 +141,66 @@ TEST_F(ShellStart, HomeDirTokensPhpAndIcon) {
   EXPECT_STREQ(HttpServer->GetHomeDir().c_str(), ProgDir.c_str());
 }
 
+// Every port is offered once, going on from 1 after 65535 (0 would let the
+// system choose), and the search ends after a full round.
+TEST(PortSearch, WrapsPastTheTopAndStopsAfterOneRound) {
+  struct Tried {
+    std::vector<int> Ports;
+    int Accept;
+    static bool Offer(int port, void* arg) {
+      Tried* t = static_cast<Tried*>(arg);
+      t->Ports.push_back(port);
+      return port == t->Accept;
+    }
+  };
+  const struct { int first, accept, found; std::vector<int> start; } cases[] = {
+      {65534, 1, 1, {65534, 65535, 1}},
+      {0, 2, 2, {1, 2}},
+      {70000, 1, 1, {1}},
+      {8080, -1, 0, {8080, 8081}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.first);
+    Tried t{{}, c.accept};
+    EXPECT_EQ(SearchPorts(c.first, Tried::Offer, &t), c.found);
+    EXPECT_EQ(std::vector<int>(t.Ports.begin(), t.Ports.begin() + c.start.size()), c.start);
+    if (c.found) continue;
+    EXPECT_EQ(t.Ports.size(), 65535u);
+    EXPECT_EQ(t.Ports.back(), 8079);
+    std::sort(t.Ports.begin(), t.Ports.end());
+    EXPECT_EQ(std::unique(t.Ports.begin(), t.Ports.end()), t.Ports.end());
+  }
+}
+
+TEST_F(ShellStart, TakenTopPortGoesOnFromTheBottom) {
+  PlSocket blocker = PlSockTcp();
+  bool held = PlSockBind(blocker, 0x7F000001, 65535) && PlSockListen(blocker, 1);
+  Tmp.Write("Lumetta.ini", "[Lumetta]\nPORT=65535\nHOMEDIR=" + Tmp.Path() + "\n");
+  StartPlayer(W);  // taken either by us or by someone else
+  int port = HttpServer->GetPort();
+  EXPECT_GE(port, 1);
+  EXPECT_LT(port, 65535) << held;
+  EXPECT_EQ(W.Log.at(W.Log.size() - 1),
+            "navigate http://localhost:" + std::to_string(port) + "/" + KeyQuery("?"));
+  PlSockClose(blocker);
+}
+
 }  // namespace
+
+// Where the window's first load goes, and keys that never repeat.
+TEST(ShellKeyAddress, AddsTheKeyToTheQueryOfAPath) {
+  const struct {
+    const char *address, *key, *expected;
+  } cases[] = {
+      {"http://localhost:8580", "k1", "http://localhost:8580/?lumetta_key=k1"},
+      {"http://localhost:8580/docs/a.html", "k1", "http://localhost:8580/docs/a.html?lumetta_key=k1"},
+      {"http://localhost:8580/a.php?x=1", "k1", "http://localhost:8580/a.php?x=1&lumetta_key=k1"},
+      {"http://localhost:8580/a.php", "", "http://localhost:8580/a.php"},
+  };
+  for (const auto& c : cases)
+    EXPECT_STREQ(KeyAddress(CStr(c.address), CStr(c.key)).c_str(), c.expected) << c.address;
+  CStr a = CHttpServer::NewAccessKey(), b = CHttpServer::NewAccessKey();
+  EXPECT_EQ(a.Len, 32);
+  EXPECT_EQ(std::string(a.c_str()).find_first_not_of("0123456789abcdef"), std::string::npos);
+  EXPECT_NE(std::string(a.c_str()), std::string(b.c_str()));
+}

@@ -104,3 +104,34 @@ TEST_F(TlsTest, RealClientAndAFailedHandshake) {
   EXPECT_EQ(OpenDescriptors(), idle);  // the rejected socket was closed
   EXPECT_EQ(Curl(port), "hello over tls");
 }
+
+// The handshake runs on each connection's own thread under its own deadline:
+// a client that says nothing, or trickles its hello, delays nobody else.
+TEST_F(TlsTest, SilentAndTricklingClientsDelayNobody) {
+  CHttpServer srv;
+  Configure(srv, "cert.pem", "key.pem");
+  unsigned short port = ExtrasStartServer(srv);
+  ASSERT_NE(port, 0);
+  CSocket silent, trickling;
+  silent.Connect("127.0.0.1", port);
+  trickling.Connect("127.0.0.1", port);
+  trickling.Write("\x16", 1);  // the first byte of a TLS record, then nothing
+  PlSleepMs(200);
+  const uint64_t start = PlMonotonicMs();
+  EXPECT_EQ(Curl(port), "hello over tls");
+  const uint64_t took = PlMonotonicMs() - start;
+  EXPECT_LT(took, 3000u);
+  RecordProperty("tls_reply_ms", std::to_string(took));
+  // However slowly it trickles, the handshake ends at its deadline.
+  const uint64_t trickleStart = PlMonotonicMs();
+  bool closed = false;
+  while (!closed && PlMonotonicMs() - trickleStart < 15000) {
+    trickling.Write("\x03", 1);
+    char byte;
+    closed = PlSockWaitReadable(trickling.Socket, 0) == 1 && PlSockRecv(trickling.Socket, &byte, 1) <= 0;
+    PlSleepMs(500);
+  }
+  EXPECT_TRUE(closed);
+  EXPECT_LT(PlMonotonicMs() - trickleStart, (uint64_t)CSocket::kTlsHandshakeMs + 2000);
+  RecordProperty("tls_trickle_cut_ms", std::to_string(PlMonotonicMs() - trickleStart));
+}

@@ -1,3 +1,4 @@
+// Shared libraries on POSIX, through dlopen.
 #include "pl_dl.h"
 
 #include <dlfcn.h>

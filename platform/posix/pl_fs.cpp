@@ -1,7 +1,10 @@
+// File-system access on POSIX: status, directory search, directory and file
+// management, and the well-known paths.
 #include "pl_fs.h"
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -12,15 +15,18 @@
 
 #include <vector>
 
+static void FillStat(const struct stat& st, PlStatInfo* out) {
+  if (!out) return;
+  out->Size = (long long)st.st_size;
+  out->MTime = (long long)st.st_mtime;
+  out->IsDir = S_ISDIR(st.st_mode);
+}
+
 bool PlStat(const char* path, PlStatInfo* out) {
   if (!path || !*path) return false;
   struct stat st;
   if (stat(path, &st) != 0) return false;
-  if (out) {
-    out->Size = (long long)st.st_size;
-    out->MTime = (long long)st.st_mtime;
-    out->IsDir = S_ISDIR(st.st_mode);
-  }
+  FillStat(st, out);
   return true;
 }
 
@@ -36,22 +42,32 @@ bool PlIsFile(const char* path) {
 
 struct PlDir {
   DIR* Handle;
+  const char* Last;  // the name PlDirNext returned last, inside readdir's record
 };
 
 PlDir* PlDirOpen(const char* path) {
   if (!path || !*path) return nullptr;
   DIR* d = opendir(path);
   if (!d) return nullptr;
-  return new PlDir{d};
+  return new PlDir{d, nullptr};
 }
 
 const char* PlDirNext(PlDir* dir) {
   if (!dir) return nullptr;
+  dir->Last = nullptr;
   while (struct dirent* e = readdir(dir->Handle)) {
     if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
-    return e->d_name;
+    return dir->Last = e->d_name;
   }
   return nullptr;
+}
+
+bool PlDirEntryStat(PlDir* dir, PlStatInfo* out) {
+  struct stat st;
+  if (!dir || !dir->Last || fstatat(dirfd(dir->Handle), dir->Last, &st, AT_SYMLINK_NOFOLLOW) != 0)
+    return false;
+  FillStat(st, out);
+  return true;
 }
 
 void PlDirClose(PlDir* dir) {
@@ -88,6 +104,15 @@ bool PlTempDir(std::string* out) {
   const char* dir = getenv("TMPDIR");
   *out = (dir && *dir) ? dir : "/tmp";
   DropFinalSep(out);
+  return true;
+}
+
+bool PlMakePrivateTempDir(const char* prefix, std::string* out) {
+  std::string base;
+  PlTempDir(&base);
+  std::string pattern = base + "/" + prefix + "XXXXXX";
+  if (!mkdtemp(&pattern[0])) return false;  // mode 0700
+  *out = pattern;
   return true;
 }
 

@@ -1,7 +1,10 @@
+// BSD sockets on POSIX: TCP listening, accepting, connecting and transfer,
+// name lookup, and SIGPIPE kept away from the process.
 #include "pl_net.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -10,6 +13,7 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -115,29 +119,73 @@ bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port) {
 // poll, not select: select can't watch descriptors above FD_SETSIZE and the
 // server may hold more connections than that.
 int PlSockWaitReadable(PlSocket s, int timeoutSec) {
+  if (timeoutSec < 0) return PlSockWaitMs(s, false, -1);
+  const long long ms = static_cast<long long>(timeoutSec) * 1000;
+  return PlSockWaitMs(s, false, ms > INT_MAX ? INT_MAX : static_cast<int>(ms));
+}
+
+int PlSockWaitMs(PlSocket s, bool forWrite, int timeoutMs) {
   if (s == PL_NO_SOCKET) return -1;
-  const bool forever = timeoutSec < 0;
-  const long long limitMs = forever ? 0 : static_cast<long long>(timeoutSec) * 1000;
+  const bool forever = timeoutMs < 0;
   const uint64_t start = PlMonotonicMs();
   for (;;) {
     int waitMs = -1;
     if (!forever) {
-      long long left = limitMs - static_cast<long long>(PlMonotonicMs() - start);
-      if (left < 0) left = 0;
-      waitMs = left > INT_MAX ? INT_MAX : static_cast<int>(left);
+      long long left = timeoutMs - static_cast<long long>(PlMonotonicMs() - start);
+      waitMs = left < 0 ? 0 : static_cast<int>(left);
     }
     pollfd p;
     p.fd = Fd(s);
-    p.events = POLLIN;
+    p.events = forWrite ? POLLOUT : POLLIN;
     p.revents = 0;
     int r = poll(&p, 1, waitMs);
     if (r > 0) return 1;
-    if (r == 0) {
-      if (!forever && waitMs == INT_MAX) continue;  // only a slice of a very long wait
-      return 0;
-    }
+    if (r == 0) return 0;
     if (errno != EINTR) return -1;
   }
+}
+
+int PlSockPoll(PlSocket s, int events, int timeoutMs) {
+  if (s == PL_NO_SOCKET) return -1;
+  pollfd p;
+  p.fd = Fd(s);
+  p.events = (short)(((events & PL_SOCK_IN) ? POLLIN : 0) | ((events & PL_SOCK_OUT) ? POLLOUT : 0));
+  const uint64_t start = PlMonotonicMs();
+  for (;;) {
+    int waitMs = timeoutMs;
+    if (timeoutMs >= 0) {
+      long long left = timeoutMs - static_cast<long long>(PlMonotonicMs() - start);
+      waitMs = left < 0 ? 0 : static_cast<int>(left);
+    }
+    p.revents = 0;
+    int r = poll(&p, 1, waitMs);
+    if (r == 0) return 0;
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    // A hang-up or error counts as readable: the next receive tells which.
+    int ready = (p.revents & (POLLIN | POLLHUP | POLLERR)) ? PL_SOCK_IN : 0;
+    if (p.revents & (POLLOUT | POLLERR)) ready |= PL_SOCK_OUT;
+    return ready & (events | PL_SOCK_IN);
+  }
+}
+
+int PlSockSendSome(PlSocket s, const void* buf, int n) {
+  if (n < 0) return -1;
+  for (;;) {
+    ssize_t r = send(Fd(s), buf, static_cast<size_t>(n), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (r >= 0) return static_cast<int>(r);
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return 0;
+    if (errno != EINTR) return -1;
+  }
+}
+
+bool PlSockSetNonBlocking(PlSocket s, bool on) {
+  int flags = fcntl(Fd(s), F_GETFL, 0);
+  if (flags < 0) return false;
+  flags = on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
+  return fcntl(Fd(s), F_SETFL, flags) == 0;
 }
 
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {
@@ -177,6 +225,47 @@ void PlSockClose(PlSocket s) {
   if (getsockopt(Fd(s), SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) == 0 && listening)
     shutdown(Fd(s), SHUT_RDWR);
   close(Fd(s));  // not retried on EINTR: the descriptor is gone either way
+}
+
+static bool LocalAddress(const char* path, sockaddr_un* sa) {
+  memset(sa, 0, sizeof *sa);
+  sa->sun_family = AF_UNIX;
+  if (!path || strlen(path) >= sizeof sa->sun_path) return false;
+  strcpy(sa->sun_path, path);
+  return true;
+}
+
+PlSocket PlSockLocalListen(const char* path, int backlog) {
+  sockaddr_un sa;
+  if (!LocalAddress(path, &sa)) return PL_NO_SOCKET;
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return PL_NO_SOCKET;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || listen(fd, backlog) != 0) {
+    close(fd);
+    return PL_NO_SOCKET;
+  }
+  return static_cast<PlSocket>(fd);
+}
+
+PlSocket PlSockLocalConnect(const char* path) {
+  PlNetNoSigPipe();
+  sockaddr_un sa;
+  if (!LocalAddress(path, &sa)) return PL_NO_SOCKET;
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return PL_NO_SOCKET;
+  int r;
+  do {
+    r = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+  } while (r != 0 && errno == EINTR);
+  if (r != 0) {
+    close(fd);
+    return PL_NO_SOCKET;
+  }
+  return static_cast<PlSocket>(fd);
+}
+
+void PlSockCloseHandle(PlSocket s) {
+  if (s != PL_NO_SOCKET) close(Fd(s));
 }
 
 bool PlResolveHost(const char* host, unsigned* addr) {

@@ -1,7 +1,8 @@
+// The containment test of request paths on a POSIX file system, where
+// names are case-sensitive and '/' is the only separator.
 #include "pl_path.h"
 
 #include <string.h>
-#include <time.h>
 
 bool PlPathInside(const char* root, const char* path) {
   size_t rootLen = strlen(root);
@@ -12,6 +13,3 @@ bool PlPathInside(const char* root, const char* path) {
   char next = path[rootLen];
   return next == 0 || next == '/' || (rootLen == 1 && root[0] == '/');
 }
-
-bool PlLocalTime(time_t t, struct tm* out) { return localtime_r(&t, out) != nullptr; }
-bool PlUtcTime(time_t t, struct tm* out) { return gmtime_r(&t, out) != nullptr; }

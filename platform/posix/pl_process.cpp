@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -105,6 +106,26 @@ void PlPipeClose(PlFile f) {
   if (f != PL_NO_FILE) close((int)f);
 }
 
+PlFile PlOpenNullDevice() {
+  int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  return fd < 0 ? PL_NO_FILE : MoveAboveStdio(fd);
+}
+
+int PlOpenFileLimit() {
+  rlimit lim;
+  if (getrlimit(RLIMIT_NOFILE, &lim) != 0 || lim.rlim_cur == RLIM_INFINITY || lim.rlim_cur > 1000000)
+    return 1000000;
+  return (int)lim.rlim_cur;
+}
+
+bool PlSetOpenFileLimit(int n) {
+  rlimit lim;
+  if (n <= 0 || getrlimit(RLIMIT_NOFILE, &lim) != 0) return false;
+  if (lim.rlim_max != RLIM_INFINITY && (rlim_t)n > lim.rlim_max) return false;
+  lim.rlim_cur = (rlim_t)n;
+  return setrlimit(RLIMIT_NOFILE, &lim) == 0;
+}
+
 // ---------------------------------------------------------------- command line
 
 // Windows argument rules: blanks separate words outside quotes; 2n
@@ -194,6 +215,19 @@ static std::vector<char*> EnvVector(const char* block) {
 
 // ---------------------------------------------------------------- processes
 
+// The argument and environment vectors of exec, pointing into words and
+// the caller's block; made before the child exists.
+struct ExecVectors {
+  std::vector<char*> Argv, Env;
+  char** Envp;
+  ExecVectors(const PlProcessStartInfo& info, std::vector<std::string>& words) {
+    for (std::string& w : words) Argv.push_back(&w[0]);
+    Argv.push_back(nullptr);
+    if (info.Env) Env = EnvVector(info.Env);
+    Envp = info.Env ? Env.data() : environ;
+  }
+};
+
 static bool SpawnChild(const PlProcessStartInfo& info, const std::string& program,
                        std::vector<std::string>& words, pid_t* pid) {
   posix_spawn_file_actions_t actions;
@@ -215,17 +249,52 @@ static bool SpawnChild(const PlProcessStartInfo& info, const std::string& progra
   posix_spawnattr_setpgroup(&attr, 0);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 
-  std::vector<char*> argv;
-  for (std::string& w : words) argv.push_back(&w[0]);
-  argv.push_back(nullptr);
-  std::vector<char*> env;
-  if (info.Env) env = EnvVector(info.Env);
-  char** envp = info.Env ? env.data() : environ;
+  ExecVectors v(info, words);
 
-  int rc = posix_spawn(pid, program.c_str(), &actions, &attr, argv.data(), envp);
+  int rc = posix_spawn(pid, program.c_str(), &actions, &attr, v.Argv.data(), v.Envp);
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   return rc == 0;
+}
+
+// Puts fd on the child's descriptor target, close-on-exec cleared.
+static bool MapDescriptor(PlFile fd, int target) {
+  if (fd == PL_NO_FILE) return true;
+  if ((int)fd == target) return fcntl(target, F_SETFD, 0) == 0;
+  return dup2((int)fd, target) == target;
+}
+
+// fork and exec by hand, for children that must die with us: posix_spawn
+// has no way to ask for the parent-death signal. Between fork and exec only
+// async-signal-safe calls are made; everything else is prepared before.
+static bool ForkChildEndingWithUs(const PlProcessStartInfo& info, const std::string& program,
+                                  std::vector<std::string>& words, pid_t* pid) {
+  ExecVectors v(info, words);
+  const pid_t parent = getpid();
+  const char* dir = info.CurDir && *info.CurDir ? info.CurDir : nullptr;
+
+  pid_t child = fork();
+  if (child < 0) return false;
+  if (child == 0) {
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);  // we died before the tie was made
+    if (!MapDescriptor(info.StdIn, 0) || !MapDescriptor(info.StdOut, 1) || !MapDescriptor(info.StdErr, 2))
+      _exit(127);
+    if (dir && chdir(dir) != 0) _exit(127);
+    struct sigaction dfl;
+    memset(&dfl, 0, sizeof dfl);
+    dfl.sa_handler = SIG_DFL;
+    for (int sig = 1; sig < NSIG; sig++) sigaction(sig, &dfl, nullptr);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    execve(program.c_str(), v.Argv.data(), v.Envp);
+    _exit(127);
+  }
+  setpgid(child, child);  // also here, so a kill of the group right after start finds it
+  *pid = child;
+  return true;
 }
 
 // Nice values that match the three Windows classes in spirit. Raising
@@ -243,7 +312,9 @@ PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   // nothing else) makes the child low from its first instruction.
   if (info.Priority == 2) setpriority(PRIO_PROCESS, (id_t)syscall(SYS_gettid), kNice[2]);
   pid_t pid;
-  if (!SpawnChild(info, program, words, &pid)) return nullptr;
+  bool started = info.EndWithUs ? ForkChildEndingWithUs(info, program, words, &pid)
+                                : SpawnChild(info, program, words, &pid);
+  if (!started) return nullptr;
   PlProc* p = new PlProc;
   p->Pid = pid;
   p->Debug = info.Debug;
@@ -252,9 +323,10 @@ PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   return p;
 }
 
-static bool IsCrashSignal(int sig) {
-  return sig == SIGSEGV || sig == SIGBUS || sig == SIGILL || sig == SIGFPE || sig == SIGABRT;
-}
+// Only a bad memory access counts as a crash, the counterpart of the access
+// violation the Windows debug loop watches for; an abort or a bad
+// instruction is an ordinary, if abnormal, end.
+static bool IsCrashSignal(int sig) { return sig == SIGSEGV || sig == SIGBUS; }
 
 // Collects the child's status when it has ended. Done under the lock so
 // that Terminate never signals a process id that has been handed back.
@@ -332,6 +404,8 @@ bool PlProcessSetPriority(PlProc* p, int cls) {
   if (p->Reaped) return false;
   return setpriority(PRIO_PROCESS, (id_t)p->Pid, kNice[cls]) == 0;
 }
+
+long long PlProcessId(PlProc* p) { return p->Pid; }
 
 void PlProcessClose(PlProc* p) {
   if (!p) return;

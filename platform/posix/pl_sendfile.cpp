@@ -1,3 +1,5 @@
+// Server-side socket helpers on Linux: sendfile, shutdown both ways, corking,
+// and the root directory.
 #include "pl_sendfile.h"
 
 #include <errno.h>

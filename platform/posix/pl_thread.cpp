@@ -1,3 +1,5 @@
+// Threads on POSIX with a timed join, a recursive mutex, a manual-reset
+// event, sleeping and the monotonic clock.
 #include "pl_thread.h"
 
 #include <pthread.h>

@@ -1,3 +1,5 @@
+// Message boxes through the hook the window's toolkit installs (none without
+// a window) and the stop signals a windowless server waits for.
 #include "pl_ui.h"
 
 #include <signal.h>

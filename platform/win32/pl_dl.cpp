@@ -1,3 +1,4 @@
+// Shared libraries on Windows, through LoadLibraryA.
 #include "pl_dl.h"
 
 #include <windows.h>

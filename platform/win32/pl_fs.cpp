@@ -1,9 +1,12 @@
+// File-system access on Windows through the ANSI calls: status, directory
+// search, directory and file management, and the well-known paths.
 #include "pl_fs.h"
 
 #include <windows.h>
 #include <sys/stat.h>
 #include <string.h>
 
+#include <cstdio>
 #include <vector>
 
 bool PlStat(const char* path, PlStatInfo* out) {
@@ -67,6 +70,22 @@ const char* PlDirNext(PlDir* dir) {
   }
 }
 
+// The search record already holds the entry's own size, time and kind.
+bool PlDirEntryStat(PlDir* dir, PlStatInfo* out) {
+  if (!dir || dir->Done || dir->Pending) return false;
+  const WIN32_FIND_DATAA& d = dir->Data;
+  if (out) {
+    ULARGE_INTEGER t;
+    t.LowPart = d.ftLastWriteTime.dwLowDateTime;
+    t.HighPart = d.ftLastWriteTime.dwHighDateTime;
+    const unsigned long long kEpochDiff = 116444736000000000ULL;  // 1601 to 1970 in 100 ns
+    out->Size = (long long)(((unsigned long long)d.nFileSizeHigh << 32) | d.nFileSizeLow);
+    out->MTime = t.QuadPart >= kEpochDiff ? (long long)((t.QuadPart - kEpochDiff) / 10000000ULL) : 0;
+    out->IsDir = (d.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  }
+  return true;
+}
+
 void PlDirClose(PlDir* dir) {
   if (!dir) return;
   if (dir->Handle != INVALID_HANDLE_VALUE) FindClose(dir->Handle);
@@ -108,6 +127,23 @@ bool PlTempDir(std::string* out) {
   out->assign(buf.data(), got);
   DropFinalSep(out);
   return true;
+}
+
+bool PlMakePrivateTempDir(const char* prefix, std::string* out) {
+  std::string base;
+  if (!PlTempDir(&base)) return false;
+  // The user's own temporary directory is private to the user already.
+  for (unsigned attempt = 0; attempt < 100; attempt++) {
+    char unique[32];
+    snprintf(unique, sizeof unique, "%lu-%u", GetCurrentProcessId(), (unsigned)(GetTickCount() + attempt));
+    std::string path = base + "\\" + prefix + unique;
+    if (CreateDirectoryA(path.c_str(), nullptr)) {
+      *out = path;
+      return true;
+    }
+    if (GetLastError() != ERROR_ALREADY_EXISTS) return false;
+  }
+  return false;
 }
 
 bool PlRealPath(const char* path, std::string* out) {

@@ -1,3 +1,5 @@
+// WinSock 2: start-up, TCP listening, accepting, connecting and transfer,
+// and name lookup.
 #include "pl_net.h"
 
 #include <winsock2.h>
@@ -94,7 +96,6 @@ bool PlSockConnect(PlSocket s, unsigned addr, unsigned short port) {
   return true;
 }
 
-// select has no descriptor-value limit on Windows (the set is a list).
 // Sockets shut down by PlSockShutdownBoth and not yet closed. A shutdown does
 // not wake a thread already waiting in select on the socket (not under wine,
 // and not reliably on Windows either), so waits look here between slices.
@@ -115,26 +116,66 @@ void PlSockShutdownBoth(PlSocket s) {
   shutdown(Sock(s), SD_BOTH);
 }
 
-// Waits in slices of at most 100 ms, so a shutdown from another thread ends
-// the wait (as readable: the next receive then fails) within one slice.
 int PlSockWaitReadable(PlSocket s, int timeoutSec) {
+  if (timeoutSec < 0) return PlSockWaitMs(s, false, -1);
+  const long long ms = static_cast<long long>(timeoutSec) * 1000;
+  return PlSockWaitMs(s, false, ms > 0x7fffffff ? 0x7fffffff : static_cast<int>(ms));
+}
+
+// select has no descriptor-value limit on Windows (the set is a list).
+int PlSockWaitMs(PlSocket s, bool forWrite, int timeoutMs) {
   if (s == PL_NO_SOCKET) return -1;
-  const long long kSliceMs = 100;
-  long long leftMs = timeoutSec < 0 ? -1 : (long long)timeoutSec * 1000;
+  // Waits in slices of at most 100 ms, so a shutdown from another thread ends
+  // the wait (as ready: the next transfer then fails) within one slice.
+  const int kSliceMs = 100;
+  long long leftMs = timeoutMs;  // negative: no limit
   for (;;) {
     if (IsShut(Sock(s))) return 1;
-    long long sliceMs = leftMs < 0 || leftMs > kSliceMs ? kSliceMs : leftMs;
+    int sliceMs = leftMs < 0 || leftMs > kSliceMs ? kSliceMs : static_cast<int>(leftMs);
     fd_set set;
     FD_ZERO(&set);
     FD_SET(Sock(s), &set);
     timeval tv;
     tv.tv_sec = 0;
-    tv.tv_usec = long(sliceMs * 1000);
-    int r = select(0, &set, nullptr, nullptr, &tv);
+    tv.tv_usec = sliceMs * 1000;
+    int r = select(0, forWrite ? nullptr : &set, forWrite ? &set : nullptr, nullptr, &tv);
     if (r == SOCKET_ERROR) return -1;
     if (r > 0) return 1;
     if (leftMs >= 0 && (leftMs -= sliceMs) <= 0) return 0;
   }
+}
+
+int PlSockPoll(PlSocket s, int events, int timeoutMs) {
+  if (s == PL_NO_SOCKET) return -1;
+  fd_set readSet, writeSet;
+  FD_ZERO(&readSet);
+  FD_ZERO(&writeSet);
+  FD_SET(Sock(s), &readSet);
+  if (events & PL_SOCK_OUT) FD_SET(Sock(s), &writeSet);
+  timeval tv;
+  tv.tv_sec = timeoutMs / 1000;
+  tv.tv_usec = (timeoutMs % 1000) * 1000;
+  int r = select(0, &readSet, &writeSet, nullptr, timeoutMs < 0 ? nullptr : &tv);
+  if (r == SOCKET_ERROR) return -1;
+  int ready = FD_ISSET(Sock(s), &readSet) ? PL_SOCK_IN : 0;
+  if (FD_ISSET(Sock(s), &writeSet)) ready |= PL_SOCK_OUT;
+  return ready;
+}
+
+int PlSockSendSome(PlSocket s, const void* buf, int n) {
+  if (n < 0) return -1;
+  u_long on = 1, off = 0;
+  ioctlsocket(Sock(s), FIONBIO, &on);
+  int r = send(Sock(s), static_cast<const char*>(buf), n, 0);
+  bool full = r == SOCKET_ERROR && WSAGetLastError() == WSAEWOULDBLOCK;
+  ioctlsocket(Sock(s), FIONBIO, &off);
+  if (full) return 0;
+  return r == SOCKET_ERROR ? -1 : r;
+}
+
+bool PlSockSetNonBlocking(PlSocket s, bool on) {
+  u_long mode = on ? 1 : 0;
+  return ioctlsocket(Sock(s), FIONBIO, &mode) == 0;
 }
 
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {
@@ -156,14 +197,25 @@ int PlSockRecv(PlSocket s, void* buf, int n) {
 
 void PlSockShutdownSend(PlSocket s) { shutdown(Sock(s), SD_SEND); }
 
-void PlSockClose(PlSocket s) {
+// Closes the socket and forgets it was shut: the number may be handed out again.
+static void CloseAndForget(PlSocket s) {
   if (s == PL_NO_SOCKET) return;
   {
     std::lock_guard<std::mutex> g(ShutLock);
-    ShutSockets.erase(Sock(s));  // the number may be handed out again
+    ShutSockets.erase(Sock(s));
   }
-  closesocket(Sock(s));  // also ends a blocked accept
+  closesocket(Sock(s));
 }
+
+void PlSockClose(PlSocket s) { CloseAndForget(s); }  // also ends a blocked accept
+
+// php-cgi on Windows takes its FastCGI connections from a named pipe or a
+// loopback port, not from a Unix-domain socket; until that transport is in,
+// callers see "no local sockets" and keep one interpreter per request.
+PlSocket PlSockLocalListen(const char*, int) { return PL_NO_SOCKET; }
+PlSocket PlSockLocalConnect(const char*) { return PL_NO_SOCKET; }
+
+void PlSockCloseHandle(PlSocket s) { CloseAndForget(s); }
 
 bool PlResolveHost(const char* host, unsigned* addr) {
   if (!host || !addr) return false;

@@ -1,8 +1,9 @@
+// The containment test of request paths on Windows: both separators, no
+// regard to letter case, and full paths resolved by the system first.
 #include "pl_path.h"
 
 #include <windows.h>
 #include <string.h>
-#include <time.h>
 
 #include <string>
 #include <vector>
@@ -24,6 +25,3 @@ bool PlPathInside(const char* root, const char* path) {
   if (p.size() == r.size()) return true;
   return PlPathIsSep(p[r.size()]) || PlPathIsSep(r.back());
 }
-
-bool PlLocalTime(time_t t, struct tm* out) { return localtime_s(out, &t) == 0; }
-bool PlUtcTime(time_t t, struct tm* out) { return gmtime_s(out, &t) == 0; }

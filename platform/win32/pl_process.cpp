@@ -61,6 +61,35 @@ void PlPipeClose(PlFile f) {
   if (f != PL_NO_FILE) CloseHandle(H(f));
 }
 
+// One job for every child that must end with us: the system kills its
+// members when the last handle to it closes, which happens when we end.
+static HANDLE EndWithUsJob() {
+  static HANDLE job = [] {
+    HANDLE j = CreateJobObjectA(nullptr, nullptr);
+    if (j) {
+      JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits;
+      memset(&limits, 0, sizeof limits);
+      limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+      SetInformationJobObject(j, JobObjectExtendedLimitInformation, &limits, sizeof limits);
+    }
+    return j;
+  }();
+  return job;
+}
+
+PlFile PlOpenNullDevice() {
+  SECURITY_ATTRIBUTES sa = {sizeof sa, nullptr, TRUE};  // children inherit it
+  HANDLE h = CreateFileA("NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa,
+                         OPEN_EXISTING, 0, nullptr);
+  return h == INVALID_HANDLE_VALUE ? PL_NO_FILE : (PlFile)(intptr_t)h;
+}
+
+// Sockets and handles have no small per-process limit here; this keeps the
+// server's connection cap at a size the machine's memory can carry.
+int PlOpenFileLimit() { return 16384; }
+
+bool PlSetOpenFileLimit(int /*n*/) { return false; }
+
 PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   if (!info.CmdLine) return nullptr;
   STARTUPINFOA si;
@@ -80,6 +109,7 @@ PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   const char* dir = info.CurDir && *info.CurDir ? info.CurDir : nullptr;
   if (!CreateProcessA(nullptr, cmd.data(), nullptr, nullptr, TRUE, flags, (void*)info.Env, dir, &si, &pi))
     return nullptr;
+  if (info.EndWithUs && EndWithUsJob()) AssignProcessToJobObject(EndWithUsJob(), pi.hProcess);
   PlProc* p = new PlProc;
   p->Process = pi.hProcess;
   p->Thread = pi.hThread;
@@ -167,6 +197,8 @@ bool PlProcessSetPriority(PlProc* p, int cls) {
   if (cls < 0 || cls > 2) return false;
   return SetPriorityClass(p->Process, kClass[cls]) != 0;
 }
+
+long long PlProcessId(PlProc* p) { return p->Pid; }
 
 void PlProcessClose(PlProc* p) {
   if (!p) return;

@@ -1,3 +1,5 @@
+// Server-side socket helpers on Windows: a file copied to the socket through
+// a buffer, shutdown both ways, no corking, and the root directory.
 #include "pl_sendfile.h"
 
 #include <winsock2.h>

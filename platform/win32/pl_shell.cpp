@@ -1,3 +1,5 @@
+// Opening a file, folder or program the way the desktop does, through
+// ShellExecuteA unless a test has put its own opener in.
 #include "pl_shell.h"
 
 #include <windows.h>

@@ -1,3 +1,5 @@
+// Threads on Windows with a timed join, a mutex, a manual-reset event,
+// sleeping and the tick clock.
 #include "pl_thread.h"
 
 #include <windows.h>

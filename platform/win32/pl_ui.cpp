@@ -1,3 +1,5 @@
+// Message boxes on Windows and the console's stop events for a windowless
+// server.
 #include "pl_ui.h"
 
 #include <windows.h>

@@ -1,3 +1,5 @@
+// The GTK side of window fading: opacity, timers and the window signals that
+// drive the toolkit-free fading unit.
 #include "alphawin_gtk.h"
 
 #include <cstdio>

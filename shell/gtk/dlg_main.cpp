@@ -1,3 +1,5 @@
+// TDlgMain on GTK: building the window, the settings the start sequence
+// applies to it, showing it inside the screen, and its debug reports.
 #include "dlg_main.h"
 
 #include <webkit2/webkit2.h>
@@ -21,6 +23,21 @@ gboolean NoContextMenu(WebKitWebView*, WebKitContextMenu*, GdkEvent*, WebKitHitT
 }
 
 int NotNegative(int v) { return v < 0 ? 0 : v; }
+
+// v moved into [low, high]; low wins when the range is empty.
+int Clamp(int v, int low, int high) { return v > high ? (high > low ? high : low) : v < low ? low : v; }
+
+// The work area (the screen less panels and docks) of the monitor at the
+// point, or of the primary monitor.
+bool WorkArea(GtkWidget* window, const int* x, const int* y, GdkRectangle* area) {
+  GdkDisplay* display = gtk_widget_get_display(window);
+  GdkMonitor* monitor = x ? gdk_display_get_monitor_at_point(display, *x, *y) : nullptr;
+  if (!monitor) monitor = gdk_display_get_primary_monitor(display);
+  if (!monitor) monitor = gdk_display_get_monitor(display, 0);
+  if (!monitor) return false;
+  gdk_monitor_get_workarea(monitor, area);
+  return area->width > 0 && area->height > 0;
+}
 
 // Debug trace of the page's life, for tests that cannot look at the screen.
 void TraceLoad(WebKitWebView* view, WebKitLoadEvent event, gpointer) {
@@ -171,9 +188,34 @@ void TDlgMain::Show() {
   hints.min_width = MIN_WIDTH;
   hints.min_height = MIN_HEIGHT;
   gtk_window_set_geometry_hints(GTK_WINDOW(Window), nullptr, &hints, GDK_HINT_MIN_SIZE);
-  if (!Centered) gtk_window_move(GTK_WINDOW(Window), Left, Top);
   gtk_widget_set_no_show_all(SB_Status, !StatusVisible);  // sized without it from the start
+  // The parts are shown first so that the window's size can be measured
+  // before it appears.
+  gtk_widget_show_all(gtk_bin_get_child(GTK_BIN(Window)));
+  if (HeaderBar) gtk_widget_show_all(HeaderBar);
+  FitIntoWorkArea();
+  if (!Centered) gtk_window_move(GTK_WINDOW(Window), Left, Top);
   gtk_widget_show_all(Window);
+}
+
+// Settings written for a larger screen must not leave the window, or its
+// status strip, out of reach: the browser area gives up what does not fit
+// on the monitor, then the window moves in until it lies wholly inside.
+void TDlgMain::FitIntoWorkArea() {
+  GdkRectangle area;
+  if (!WorkArea(Window, Centered ? nullptr : &Left, Centered ? nullptr : &Top, &area)) return;
+  GtkRequisition outer;
+  gtk_widget_get_preferred_size(Window, nullptr, &outer);
+  int chromeWidth = outer.width - BrowserWidth, chromeHeight = outer.height - BrowserHeight;
+  int width = Clamp(BrowserWidth, 1, area.width - chromeWidth);
+  int height = Clamp(BrowserHeight, 1, area.height - chromeHeight);
+  if (width != BrowserWidth || height != BrowserHeight) {
+    BrowserWidth = width;
+    BrowserHeight = height;
+    gtk_widget_set_size_request(CWB_Browser, BrowserWidth, BrowserHeight);
+  }
+  Left = Clamp(Left, area.x, area.x + area.width - (chromeWidth + BrowserWidth));
+  Top = Clamp(Top, area.y, area.y + area.height - (chromeHeight + BrowserHeight));
 }
 
 void TDlgMain::OnBrowserAllocated(GtkWidget* browser, GdkRectangle* area, gpointer data) {

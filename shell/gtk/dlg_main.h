@@ -46,6 +46,7 @@ class TDlgMain : public PlayerWindow {
   int BrowserWidth = 688, BrowserHeight = 529 - 19;
 
   void BuildWidgets();
+  void FitIntoWorkArea();
   void ReportGeometry();
   static gboolean DrawBarEvent(GtkWidget* bar, cairo_t* cr, gpointer self);
   static void FormDestroy(GtkWidget* window, gpointer self);

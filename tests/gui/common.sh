@@ -76,3 +76,17 @@ expect_exit_0() {
   wait "$PLAYER_PID"; local rc=$?
   [[ $rc == 0 ]] || fail "exit code $rc"
 }
+
+# open_key: opens the address lumetta-serve printed ($URL) the way a browser
+# would, keeping the access key's cookie in $JAR for the requests that follow
+# (curl "${KEY[@]}"); LOCATION is where the key address led.
+open_key() {
+  JAR=$WORK/jar
+  KEY=(-b "$JAR")
+  local head
+  head=$(curl -sS -D - -o /dev/null -c "$JAR" "$URL") || fail "key address"
+  grep -q '^HTTP/1.1 302' <<< "$head" || fail "key address did not redirect"
+  grep -qi "^Set-Cookie: lumetta_key=[0-9a-f]\{32\}; HttpOnly; SameSite=Strict; Path=/" <<< "$head" \
+    || fail "key cookie: $head"
+  LOCATION=$(grep -i '^Location:' <<< "$head" | tr -d '\r' | cut -d' ' -f2)
+}

@@ -6,7 +6,9 @@
 BIN_DIR=$1 SRC_DIR=$2 CASE=$3
 if [[ ${4:-} != --inside ]]; then
   command -v xvfb-run >/dev/null || { echo "SKIP: xvfb-run missing"; exit 77; }
-  exec xvfb-run -a -s "-screen 0 1280x1024x24 -nolisten tcp" "$0" "$@" --inside
+  SCREEN=1280x1024x24
+  [[ $CASE == off-screen ]] && SCREEN=1280x800x24  # a laptop's screen
+  exec xvfb-run -a -s "-screen 0 $SCREEN -nolisten tcp" "$0" "$@" --inside
 fi
 source "$SRC_DIR/tests/gui/common.sh"
 PLAYER="$BIN_DIR/lumetta"
@@ -18,6 +20,9 @@ done
 # start_player LOG ARGS...: starts the window and waits until it is laid out.
 start_player() {
   local log=$1; shift
+  # Emptied here, not only by the child's redirection: the wait below could
+  # otherwise still read the previous run's line.
+  : > "$log"
   "$PLAYER" "$@" > /dev/null 2> "$log" &
   PLAYER_PID=$!
   PIDS+=($PLAYER_PID)
@@ -78,7 +83,11 @@ window)
   write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "CLIENT_WIDTH=500" \
     "CLIENT_HEIGHT=300" "TITLE=Colour Test" "CENTER=0" "LEFT=40" "TOP=30"
   start_player "$WORK/log" /INI "$WORK/a.ini"
-  grep -qx "navigate: http://localhost:$PORT" "$WORK/log" || fail "start address"
+  # The first load carries the run's access key; the server leads on to the
+  # bare start address, which is what the window ends up showing.
+  grep -qE "^navigate: http://localhost:$PORT/\?lumetta_key=[0-9a-f]{32}$" "$WORK/log" || fail "start address"
+  wait_for 30 grep -qx "loaded: http://localhost:$PORT/" "$WORK/log" || fail "start address not loaded"
+  grep -q "^loaded:.*lumetta_key" "$WORK/log" && fail "key left in the address"
   [[ $(geometry_field "$WORK/log" browser) == 500x300 ]] || fail "browser area"
   [[ $(geometry_field "$WORK/log" client) == 500x319 ]] || fail "client area with status bar"
   [[ $(geometry_field "$WORK/log" buttons) == icon:minimize,maximize,close ]] || fail "buttons"
@@ -124,7 +133,7 @@ borderless)
     "CLIENT_HEIGHT=200" "BORDER=0" "STATUSBAR=1" "STAYONTOP=1" "ICON_SYSMENU=0" \
     "CENTER=0" "TOP=100" "LEFT=100"
   start_player "$WORK/log" /INI "$WORK/a.ini" /START docs/a.html
-  grep -qx "navigate: http://localhost:$PORT/docs/a.html" "$WORK/log" || fail "start page"
+  grep -qE "^navigate: http://localhost:$PORT/docs/a.html\?lumetta_key=[0-9a-f]{32}$" "$WORK/log" || fail "start page"
   [[ $(geometry_field "$WORK/log" client) == 300x200 ]] || fail "BORDER=0 keeps a status bar"
   [[ $(geometry_field "$WORK/log" titlebar) == 0 ]] || fail "BORDER=0 keeps a title bar"
   [[ $(geometry_field "$WORK/log" at) == 100,100 ]] || fail "position"
@@ -141,12 +150,35 @@ port-taken)
   make_colour_site "$WORK/site" "#00c060"
   write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT"
   # Another server holds the port first.
-  "$BIN_DIR/lumetta-serve" /INI "$WORK/a.ini" > "$WORK/blocker" &
+  "$BIN_DIR/lumetta-serve" --no-access-key /INI "$WORK/a.ini" > "$WORK/blocker" &
   PIDS+=($!)
   wait_for 10 port_listening "$PORT" || fail "blocker not listening"
   start_player "$WORK/log" /INI "$WORK/a.ini"
-  grep -qx "navigate: http://localhost:$((PORT + 1))" "$WORK/log" || { cat "$WORK/log" >&2; fail "next port not taken (blocked $PORT)"; }
-  curl -fsS "http://127.0.0.1:$((PORT + 1))/" | grep -q "colour page" || fail "serving"
+  grep -qE "^navigate: http://localhost:$((PORT + 1))/\?lumetta_key=[0-9a-f]{32}$" "$WORK/log" || { cat "$WORK/log" >&2; fail "next port not taken (blocked $PORT)"; }
+  curl -fsS "http://127.0.0.1:$PORT/" | grep -q "colour page" || fail "keyless blocker not serving"
+  # The player's own server answers other clients only with its refusal.
+  code=$(curl -sS -o /dev/null -w '%{http_code}' "http://localhost:$((PORT + 1))/")
+  [[ $code == 403 ]] || fail "player served a client without the key ($code)"
+  ;;
+off-screen)
+  # Settings made for a larger screen: the window is moved, and if need be
+  # made smaller, until it lies inside the 1280x800 screen, status strip too.
+  make_colour_site "$WORK/site" "#00c060"
+  for shape in "900 620 600 300 900x639" "900 1000 100 100 900x"; do
+    read -r w h left top client <<< "$shape"
+    PORT=$(free_port)
+    write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "CLIENT_WIDTH=$w" \
+      "CLIENT_HEIGHT=$h" "CENTER=0" "LEFT=$left" "TOP=$top"
+    start_player "$WORK/log" /INI "$WORK/a.ini"
+    got=$(geometry_field "$WORK/log" client)
+    at=$(geometry_field "$WORK/log" at)
+    cx=${at%,*} cy=${at#*,} gw=${got%x*} gh=${got#*x}
+    [[ $got == "$client"* ]] || fail "client area $got for $shape"
+    (( cx >= 0 && cy >= 0 && cx + gw <= 1280 && cy + gh <= 800 )) ||
+      fail "client area $got at $at leaves the screen for $shape"
+    kill -TERM "$PLAYER_PID"
+    expect_exit_0
+  done
   ;;
 bad-options)
   # Without a display: stderr only, no hang, exit 0.
@@ -190,7 +222,13 @@ demo)
     sleep 0.2
   done
   (( 16#${rgb:4:2} > 16#${rgb:0:2} + 60 )) || fail "header not drawn (pixel $rgb)"
-  curl -fsS "http://127.0.0.1:$PORT/form.php" | grep -q "PHP form" || fail "PHP page"
+  # Other clients meet the key; the window's own PHP page loads through it.
+  code=$(curl -sS -o /dev/null -w '%{http_code}' "http://localhost:$PORT/form.php")
+  [[ $code == 403 ]] || fail "PHP page served without the key ($code)"
+  click_close
+  expect_exit_0
+  start_player "$WORK/log2" /INI "$WORK/demo.ini" /START form.php
+  wait_for 30 grep -q "^loaded: http://localhost:$PORT/form.php" "$WORK/log2" || fail "PHP form not loaded"
   click_close
   expect_exit_0
   ;;

@@ -42,22 +42,31 @@ demo)
   sed "s/^PORT=.*/PORT=$PORT/" "$SRC_DIR/examples/demo/Lumetta.ini" > "$WORK/demo.ini"
   cd "$SRC_DIR/examples/demo"
   start_serve "$WORK/out" /INI "$WORK/demo.ini"
-  [[ $URL == "http://localhost:$PORT" ]] || fail "start address $URL"
-  curl -fsS "$URL/" | grep -q "<h1>Lumetta demo</h1>" || fail "index page"
-  ctype=$(curl -fsS -o /dev/null -w '%{content_type}' "$URL/style.css")
+  [[ $URL =~ ^http://localhost:$PORT/\?lumetta_key=[0-9a-f]{32}$ ]] || fail "start address $URL"
+  open_key
+  [[ $LOCATION == / ]] || fail "key address led to '$LOCATION'"
+  URL="http://localhost:$PORT"
+  # Without the key: the explaining page, for pages and the run wrapper alike.
+  for path in / /form.php "/run.ebd?file=/bin/true"; do
+    code=$(curl -sS -o "$WORK/denied" -w '%{http_code}' "$URL$path")
+    [[ $code == 403 ]] || fail "$path without the key: $code"
+  done
+  grep -q "lumetta-serve printed" "$WORK/denied" || fail "403 page text"
+  curl -fsS "${KEY[@]}" "$URL/" | grep -q "<h1>Lumetta demo</h1>" || fail "index page"
+  ctype=$(curl -fsS "${KEY[@]}" -o /dev/null -w '%{content_type}' "$URL/style.css")
   [[ $ctype == text/css* ]] || fail "style sheet served as '$ctype'"
-  ctype=$(curl -fsS -o /dev/null -w '%{content_type}' "$URL/img/banner.png")
+  ctype=$(curl -fsS "${KEY[@]}" -o /dev/null -w '%{content_type}' "$URL/img/banner.png")
   [[ $ctype == image/png* ]] || fail "image served as '$ctype'"
-  curl -fsS "$URL/docs/" | grep -q "The docs folder" || fail "folder index page"
-  curl -fsS -d "name=Ada+L" "$URL/form.php" | grep -q '<strong id="name">Ada L</strong>' \
+  curl -fsS "${KEY[@]}" "$URL/docs/" | grep -q "The docs folder" || fail "folder index page"
+  curl -fsS "${KEY[@]}" -d "name=Ada+L" "$URL/form.php" | grep -q '<strong id="name">Ada L</strong>' \
     || fail "PHP form"
   # Uploads arrive byte-exact well past the server's default 4 KiB body limit.
   head -c 3000000 /dev/urandom > "$WORK/upload.bin"
   want=$(md5sum < "$WORK/upload.bin" | cut -d' ' -f1)
-  page=$(curl -fsS -F "name=Up" -F "attachment=@$WORK/upload.bin" "$URL/form.php")
+  page=$(curl -fsS "${KEY[@]}" -F "name=Up" -F "attachment=@$WORK/upload.bin" "$URL/form.php")
   grep -q "<span id=\"upload-size\">3000000</span>" <<< "$page" || fail "upload size"
   grep -q "$want" <<< "$page" || fail "upload content"
-  curl -fsS "$URL/notes.php" | grep -q 'href="/run.ebd?file=[^"]*notes.txt' \
+  curl -fsS "${KEY[@]}" "$URL/notes.php" | grep -q 'href="/run.ebd?file=[^"]*notes.txt' \
     || fail "run wrapper link"
   stop_serve TERM
   port_listening "$PORT" && fail "port still open after SIGTERM"
@@ -66,14 +75,46 @@ port-search)
   PORT=$(free_port)
   mkdir -p "$WORK/site" && echo one > "$WORK/site/index.html"
   write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT"
-  start_serve "$WORK/out1" /INI "$WORK/a.ini"
+  # The first one without the key: a bare address that any client may use.
+  start_serve "$WORK/out1" --no-access-key /INI "$WORK/a.ini"
   first=$SERVE_PID
   [[ $URL == "http://localhost:$PORT" ]] || fail "first server at $URL"
+  [[ $(curl -fsS "$URL/") == one ]] || fail "keyless server refused a client"
   start_serve "$WORK/out2" /INI "$WORK/a.ini" /START docs/a.html
-  [[ $URL == "http://localhost:$((PORT + 1))/docs/a.html" ]] || fail "second server at $URL"
+  [[ $URL =~ ^http://localhost:$((PORT + 1))/docs/a.html\?lumetta_key=[0-9a-f]{32}$ ]] \
+    || fail "second server at $URL"
+  open_key
+  [[ $LOCATION == /docs/a.html ]] || fail "start page key led to '$LOCATION'"
   stop_serve INT
   SERVE_PID=$first
   stop_serve INT
+  ;;
+key-php)
+  # The key's cookie never reaches PHP; foreign names and origins are refused
+  # before PHP or the run wrapper is reached.
+  command -v php-cgi >/dev/null || skip "php-cgi missing"
+  PORT=$(free_port)
+  mkdir -p "$WORK/site"
+  echo '<?php echo "[", $_SERVER["HTTP_COOKIE"] ?? "", "]";' > "$WORK/site/cookies.php"
+  write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "PHP=1"
+  start_serve "$WORK/out" /INI "$WORK/a.ini"
+  open_key
+  URL="http://localhost:$PORT"
+  seen=$(curl -fsS "${KEY[@]}" -b "app=1; theme=dark" "$URL/cookies.php")
+  [[ $seen == "[app=1; theme=dark]" || $seen == "[theme=dark; app=1]" ]] || fail "PHP saw '$seen'"
+  seen=$(curl -fsS "${KEY[@]}" "$URL/cookies.php")
+  [[ $seen == "[]" ]] || fail "PHP saw '$seen' with only the key"
+  # A bare status line: curl reports its code and no body.
+  code=$(curl -sS -o /dev/null -w '%{http_code}' "${KEY[@]}" -H "Host: evil.example:$PORT" "$URL/cookies.php")
+  [[ $code == 403 ]] || fail "foreign Host got '$code'"
+  code=$(curl -sS -o /dev/null -w '%{http_code}' "${KEY[@]}" -H "Origin: http://localhost:1" \
+    -d "a=1" "$URL/cookies.php")
+  [[ $code == 403 ]] || fail "post from another port: $code"
+  code=$(curl -sS -o /dev/null -w '%{http_code}' "${KEY[@]}" -e "http://evil.example/" \
+    "$URL/run.ebd?file=/bin/sh&parameters=-c%20%22touch%20$WORK/pwned%22")
+  [[ $code == 403 ]] || fail "run wrapper from a foreign page: $code"
+  [[ -e $WORK/pwned ]] && fail "a foreign page started a program"
+  stop_serve TERM
   ;;
 options)
   "${SERVE[@]}" /INI "$WORK/missing.ini" > "$WORK/o" 2> "$WORK/e"; rc=$?

@@ -1,6 +1,7 @@
 // A small child program for the pipe stream and gateway tests.
 // The first argument picks what it does; the tests check what comes back.
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -66,14 +67,22 @@ int main(int argc, char** argv) {
   const char* arg = argc > 2 ? argv[2] : "";
   if (mode == "exit") return atoi(arg);
   if (mode == "crash") Crash();
+  if (mode == "signal") raise(atoi(arg));  // ends by the numbered signal (POSIX)
   if (mode == "print") return Out(Unescape(arg));
+  if (mode == "both") {  // the first text to the output, the second to the error output
+    Out(Unescape(arg));
+    fflush(stdout);
+    std::string err = Unescape(argc > 3 ? argv[3] : "");
+    fwrite(err.data(), 1, err.size(), stderr);
+    return 0;
+  }
   if (mode == "slow") {  // a CGI page that writes a little, then hangs
     Out("Content-Type: text/plain\r\n\r\npartial\n");
     fflush(stdout);
     std::this_thread::sleep_for(std::chrono::seconds(20));
     return Out("late\n");
   }
-  if (mode == "sleep") {
+  if (mode == "sleep") {  // with a grandchild that holds the output open as long
     ForkGrandchild();
     std::this_thread::sleep_for(std::chrono::seconds(atoi(arg)));
     return 0;

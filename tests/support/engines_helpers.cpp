@@ -1,3 +1,5 @@
+// The helper child program's command line, file and scratch-directory
+// helpers, and a real server with a raw client, for the engine and pipe tests.
 #include "engines_helpers.h"
 
 #include <cstdlib>
@@ -15,6 +17,16 @@
 
 std::string EnginesHelperPath() { return TestExeName(std::string(LUMETTA_HELPER_DIR) + "/pipe_helper"); }
 std::string HelperCmd(const std::string& args) { return "\"" + EnginesHelperPath() + "\" " + args; }
+
+std::string EnginesPoolHelperPath() { return std::string(LUMETTA_HELPER_DIR) + "/pool_helper"; }
+
+std::string EnginesPhpCommandLine() {
+  CStr path, args;
+  if (!FindPhpInterpreter(CStr("/nonexistent"), path, args)) return "";
+  CStr cmd;
+  cmd.Printf(args.c_str(), "");  // the argument text is a format with '%' doubled
+  return "\"" + std::string(path.c_str()) + "\" " + cmd.c_str();
+}
 
 std::string EnginesReadFile(const std::string& path) {
   std::ostringstream out;

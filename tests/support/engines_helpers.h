@@ -10,6 +10,10 @@
 
 std::string EnginesHelperPath();  // tests/helpers/pipe_helper in the build tree
 std::string HelperCmd(const std::string& args);  // its quoted path, then args
+std::string EnginesPoolHelperPath();  // tests/helpers/pool_helper
+// The command line that starts the interpreter the gateway finds, with its
+// options; empty when there is no php-cgi.
+std::string EnginesPhpCommandLine();
 std::string EnginesReadFile(const std::string& path);
 void EnginesWriteFile(const std::string& path, const std::string& data);
 

@@ -1,3 +1,4 @@
+// TCP peers over 127.0.0.1 for the socket tests.
 #include "loopback_peer.h"
 
 #include <stdexcept>

@@ -1,3 +1,5 @@
+// Scratch directories, raw exchanges with a real CHttpServer, reply parsing
+// and an argument-echoing engine, for the server tests.
 #include "server_support.h"
 
 #include <gtest/gtest.h>
@@ -118,6 +120,21 @@ std::string MovedReply(const std::string& url) {
   return "HTTP/1.1 302 Object Moved\r\nLocation: " + url +
          "\r\nServer: LumettaTest\r\nContent-type: text/html\r\nConnection: close\r\n"
          "Content-length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+long ProcStatusKb(const std::string& field) {
+  std::ifstream in("/proc/self/status");
+  for (std::string line; std::getline(in, line);)
+    if (line.compare(0, field.size() + 1, field + ":") == 0) return atol(line.c_str() + field.size() + 1);
+  return -1;
+}
+
+bool BodySizeEngine(void*, void* c) {
+  HTTPS_CLIENT* client = (HTTPS_CLIENT*)c;
+  std::string out = "size " + std::to_string(client->Cgi ? client->Cgi->ArgsRaw.Len : -1);
+  if (client->CHttpServerEx->SendHeader(client, (int)out.size(), "text/plain", nullptr, 0, 0))
+    client->Socket->Write(out.data(), (int)out.size());
+  return true;
 }
 
 bool EchoArgsEngine(void*, void* c) {

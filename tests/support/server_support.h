@@ -13,6 +13,10 @@ namespace srvtest {
 // prefix and a random part; returns its path, written with "/".
 std::string MakeTempDir(const std::string& prefix);
 
+// A bound on how long the server may take to answer, stretched in the
+// slower sanitized builds.
+inline unsigned ReplyBoundMs(unsigned ms) { return ms * LUMETTA_TIME_SCALE; }
+
 // A fresh directory below the system's temporary directory, removed with
 // everything in it when the object goes.
 class ScratchDir {
@@ -56,6 +60,12 @@ Reply Get(unsigned short port, const std::string& target, const std::string& ext
 // The server's canned 401 and 302 replies, for a server named "LumettaTest".
 std::string AuthReply(const std::string& realm);
 std::string MovedReply(const std::string& url);
+
+// A field of /proc/self/status in KiB ("VmRSS", "VmHWM"); -1 where there is none.
+long ProcStatusKb(const std::string& field);
+
+// An engine answering "size N": the length of the raw query or body it got.
+bool BodySizeEngine(void* object, void* client);
 
 // An engine answering "args N", then per argument its name, a tab, the byte
 // length of its value, a tab and the value's bytes.

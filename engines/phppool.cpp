@@ -1,0 +1,527 @@
+#include "phppool.h"
+
+#include <cstring>
+
+#include "cfastcgi.h"
+#include "pl_fs.h"
+#include "pl_process.h"
+
+namespace {
+
+// php-cgi leaves after this many requests unless PHP_FCGI_MAX_REQUESTS says
+// otherwise. We do not set that variable: php-cgi shows its own environment
+// to every script, and scripts must see exactly the request's variables.
+// Instead a warm successor is started near the end and takes over early.
+const int kOwnRequestLimit = 500;
+const int kStartSpareAt = 400;
+const int kFailedStartsToGiveUp = 3;
+const unsigned kTickMs = 100;  // slice of a request's wait for a free worker
+// The supervisor is woken for every change a request notices; the tick
+// only catches a worker that died while idle before a request finds it.
+const unsigned kSuperviseTickMs = 500;
+const unsigned kStopWaitMs = 5000;
+const int kRequestId = 1;
+const size_t kSendPiece = FCGI_MAX_CONTENT;
+const size_t kReceivePiece = 65536;
+
+unsigned MsLeft(uint64_t deadline) {
+  uint64_t now = PlMonotonicMs();
+  return now >= deadline ? 0 : (unsigned)(deadline - now);
+}
+
+unsigned Smaller(unsigned a, unsigned b) { return a < b ? a : b; }
+
+bool SendWhole(PlSocket s, const std::string& data) {
+  size_t pos = 0;
+  while (pos < data.size()) {
+    int n = PlSockSend(s, data.data() + pos, (int)(data.size() - pos));
+    if (n <= 0) return false;
+    pos += (size_t)n;
+  }
+  return true;
+}
+
+}  // namespace
+
+struct PhpPool::Worker {
+  PlProc* Proc = nullptr;
+  std::string SocketPath;
+  int Served = 0;
+};
+
+PhpPool::PhpPool() {}
+
+PhpPool::~PhpPool() { Stop(); }
+
+bool PhpPool::Start(const char* cmdLine, int workers) {
+  if (Supervisor || workers < 1 || !cmdLine) return false;
+  Failure.Empty();
+  if (!PlMakePrivateTempDir("lumetta-php-", &SocketDir)) {
+    Failure = "no directory for the worker sockets";
+    return false;
+  }
+  CmdLine = cmdLine;
+  Slots.assign((size_t)workers, Slot());
+  Stopping = Failed = false;
+  FailedStarts = 0;
+  Sequence = 0;
+  FirstRound.Reset();
+  // Workers are started by one long-lived thread: on Linux a child's tie to
+  // our life is a tie to the thread that started it.
+  Supervisor = PlThreadStart(SupervisorMain, this);
+  if (!Supervisor) {
+    Failure = "no thread for the worker pool";
+    PlRmdir(SocketDir.c_str());
+    return false;
+  }
+  FirstRound.Wait(PL_INFINITE);
+  bool ok;
+  {
+    PlLock g(Lock);
+    ok = !Failed;
+    Running = ok;
+  }
+  if (!ok) Stop();
+  return ok;
+}
+
+void PhpPool::Stop() {
+  if (!Supervisor) return;
+  {
+    PlLock g(Lock);
+    Stopping = true;
+    Running = false;
+    SlotFreed.Set();
+    Wake.Set();
+  }
+  PlThreadWait(Supervisor, PL_INFINITE);
+  PlThreadClose(Supervisor);
+  Supervisor = nullptr;
+  PlRmdir(SocketDir.c_str());
+}
+
+std::vector<long long> PhpPool::WorkerPids() {
+  std::vector<long long> pids;
+  PlLock g(Lock);
+  for (Slot& s : Slots)
+    for (Worker* w : {s.Current, s.Spare})
+      if (w) pids.push_back(PlProcessId(w->Proc));
+  return pids;
+}
+
+// ---------------------------------------------------------------- supervisor
+
+unsigned PhpPool::SupervisorMain(void* self) {
+  static_cast<PhpPool*>(self)->Supervise();
+  return 0;
+}
+
+void PhpPool::Supervise() {
+  bool firstRound = true;
+  for (;;) {
+    Wake.Reset();
+    std::vector<Worker*> retired;
+    {
+      PlLock g(Lock);
+      if (Stopping) break;
+      SwapInSpares(retired);
+    }
+    for (Worker* w : retired) EndWorker(w);
+    StartMissingWorkers(firstRound);
+    if (firstRound) {
+      firstRound = false;
+      FirstRound.Set();
+    }
+    Wake.Wait(kSuperviseTickMs);
+  }
+  EndAllWorkers();
+  FirstRound.Set();
+}
+
+// Idle slots whose worker has gone (ended, timed out, near its end with a
+// successor ready) get their successor; the old workers are handed back to
+// be ended outside the lock.
+void PhpPool::SwapInSpares(std::vector<Worker*>& retired) {
+  for (Slot& s : Slots) {
+    if (s.Spare && PlProcessWait(s.Spare->Proc, 0) != PL_PROC_RUNNING) {
+      retired.push_back(s.Spare);
+      s.Spare = nullptr;
+    }
+    if (s.Busy || !s.Current) continue;
+    bool gone = s.Broken || PlProcessWait(s.Current->Proc, 0) != PL_PROC_RUNNING;
+    bool due = s.Spare && s.Current->Served >= kStartSpareAt;
+    if (!gone && !due) continue;
+    retired.push_back(s.Current);
+    s.Current = s.Spare;
+    s.Spare = nullptr;
+    s.Broken = false;
+    if (s.Current) SlotFreed.Set();
+  }
+}
+
+void PhpPool::StartMissingWorkers(bool firstRound) {
+  for (size_t i = 0; i < Slots.size(); i++) {
+    {
+      PlLock g(Lock);
+      if (Stopping || Failed) return;
+      Slot& s = Slots[i];
+      bool needSpare = s.Current && !s.Spare && s.Current->Served >= kStartSpareAt;
+      if (s.Current && !needSpare) continue;
+    }
+    CStr why;
+    Worker* w = StartWorker((int)i, &why);
+    PlLock g(Lock);
+    if (!w) {
+      // A program that fails at once won't do better later: the callers
+      // fall back to one interpreter per request.
+      if (firstRound || ++FailedStarts >= kFailedStartsToGiveUp) {
+        Failed = true;
+        Running = false;
+        Failure = why;
+        SlotFreed.Set();
+      }
+      continue;
+    }
+    FailedStarts = 0;
+    Slot& s = Slots[i];
+    (s.Current ? s.Spare : s.Current) = w;
+    SlotFreed.Set();
+  }
+}
+
+PhpPool::Worker* PhpPool::StartWorker(int slotIndex, CStr* why) {
+  Worker* w = new Worker;
+  w->SocketPath = SocketDir + PL_PATH_SEP + "w" + std::to_string(slotIndex) + "-" + std::to_string(++Sequence);
+  PlSocket listener = PlSockLocalListen(w->SocketPath.c_str(), 16);
+  if (listener == PL_NO_SOCKET) {
+    *why = "no local socket for a PHP worker";
+    delete w;
+    return nullptr;
+  }
+  PlProcessStartInfo info;
+  info.CmdLine = CmdLine.c_str();
+  // An empty environment: php-cgi passes its own variables on to every
+  // script, and a script must see only those of its request.
+  info.Env = "\0";
+  info.StdIn = (PlFile)listener;
+  // A FastCGI application writes nothing to its standard output; a program
+  // that is not one would write its CGI reply there, into our own.
+  PlFile nowhere = PlOpenNullDevice();
+  info.StdOut = nowhere;
+  info.NoWindow = true;
+  info.EndWithUs = true;
+  w->Proc = PlProcessStart(info);
+  PlSockCloseHandle(listener);  // the worker holds it now
+  PlPipeClose(nowhere);
+  if (!w->Proc) {
+    *why = "cannot start ";
+    why->Cat(CmdLine);
+    PlUnlink(w->SocketPath.c_str());
+    delete w;
+    return nullptr;
+  }
+  if (!Probe(w, why)) {
+    EndWorker(w);
+    return nullptr;
+  }
+  return w;
+}
+
+// One management exchange: a FastCGI application answers the question for
+// its limits; a plain CGI program reads nothing useful from the socket and
+// exits, or hangs.
+bool PhpPool::Probe(Worker* w, CStr* why) {
+  PlSocket s = PlSockLocalConnect(w->SocketPath.c_str());
+  std::string question;
+  std::string pairs;
+  FcgiAddNameValue(pairs, "FCGI_MPXS_CONNS", 15, "", 0);
+  FcgiAddRecord(question, FCGI_GET_VALUES, 0, pairs.data(), pairs.size());
+  bool answered = false;
+  if (s != PL_NO_SOCKET && SendWhole(s, question)) {
+    uint64_t deadline = PlMonotonicMs() + ProbeTimeOutSec * 1000ull;
+    std::string got;
+    while (got.size() < (size_t)FCGI_HEADER_LEN && !Stopping) {
+      unsigned left = MsLeft(deadline);
+      if (left == 0 || PlProcessWait(w->Proc, 0) != PL_PROC_RUNNING) break;
+      int r = PlSockPoll(s, PL_SOCK_IN, (int)Smaller(left, 50));
+      if (r < 0) break;
+      if (r == 0) continue;
+      char buf[256];
+      int n = PlSockRecv(s, buf, sizeof buf);
+      if (n <= 0) break;
+      got.append(buf, (size_t)n);
+    }
+    FcgiHeader h;
+    answered = got.size() >= (size_t)FCGI_HEADER_LEN &&
+               FcgiParseHeader(reinterpret_cast<const unsigned char*>(got.data()), &h) &&
+               h.Type == FCGI_GET_VALUES_RESULT;
+  }
+  PlSockClose(s);
+  if (!answered) {
+    *why = CmdLine;
+    why->Cat(" does not answer as a FastCGI application");
+  }
+  return answered;
+}
+
+void PhpPool::EndWorker(Worker* w) {
+  PlProcessTerminate(w->Proc, 1);
+  PlProcessWait(w->Proc, PL_PROC_INFINITE);
+  PlProcessClose(w->Proc);
+  PlUnlink(w->SocketPath.c_str());
+  delete w;
+}
+
+// Every worker is killed at once; the records go only once no request uses
+// them any more (a request in flight sees its connection end first).
+void PhpPool::EndAllWorkers() {
+  {
+    PlLock g(Lock);
+    for (Slot& s : Slots)
+      for (Worker* w : {s.Current, s.Spare})
+        if (w) PlProcessTerminate(w->Proc, 1);
+  }
+  uint64_t deadline = PlMonotonicMs() + kStopWaitMs;
+  for (;;) {
+    Lock.Lock();
+    bool busy = false;
+    for (Slot& s : Slots) busy = busy || s.Busy;
+    if (!busy || MsLeft(deadline) == 0) break;
+    Lock.Unlock();
+    PlSleepMs(10);
+  }
+  for (Slot& s : Slots) {
+    if (s.Busy) continue;  // a request that never came back keeps its record
+    for (Worker** w : {&s.Current, &s.Spare}) {
+      if (*w) EndWorker(*w);
+      *w = nullptr;
+    }
+  }
+  Lock.Unlock();
+}
+
+// ---------------------------------------------------------------- slots
+
+int PhpPool::Acquire(unsigned timeoutMs) {
+  uint64_t deadline = PlMonotonicMs() + timeoutMs;
+  Lock.Lock();
+  for (;;) {
+    if (!Running) break;
+    // Taken in turn, so every worker stays warm and none reaches its end
+    // long before the others.
+    for (size_t k = 0; k < Slots.size(); k++) {
+      size_t i = (NextSlot + k) % Slots.size();
+      Slot& s = Slots[i];
+      if (s.Busy || s.Broken || !s.Current || s.Current->Served >= kOwnRequestLimit) continue;
+      NextSlot = i + 1;
+      s.Busy = true;
+      if (++s.Current->Served >= kStartSpareAt && !s.Spare) Wake.Set();
+      Lock.Unlock();
+      return (int)i;
+    }
+    unsigned left = MsLeft(deadline);
+    if (left == 0) break;
+    SlotFreed.Reset();
+    Lock.Unlock();
+    SlotFreed.Wait(Smaller(left, kTickMs));
+    Lock.Lock();
+  }
+  Lock.Unlock();
+  return -1;
+}
+
+void PhpPool::Release(int slot, bool broken) {
+  PlLock g(Lock);
+  Slot& s = Slots[(size_t)slot];
+  s.Busy = false;
+  if (broken) s.Broken = true;
+  if (broken || s.Spare) Wake.Set();
+  SlotFreed.Set();
+}
+
+// ---------------------------------------------------------------- request
+
+PhpRequest::PhpRequest(PhpPool& pool, PhpStderrFunc onStderr, void* context)
+    : Pool(pool), OnStderr(onStderr), Context(context) {}
+
+PhpRequest::~PhpRequest() {
+  // A reply not read to its end leaves the worker in an unknown state.
+  if (SlotIndex >= 0) End(PHP_RUN_WORKER_LOST);
+}
+
+bool PhpRequest::Send(const CStrList& env, const void* body, size_t bodyLen) {
+  Deadline = PlMonotonicMs() + Pool.TimeOutSec * 1000ull;
+  if (!Connect()) {
+    Outcome = PHP_RUN_NO_WORKER;
+    return false;
+  }
+  Outcome = PHP_RUN_DONE;
+  std::string records;
+  FcgiAddBeginRequest(records, kRequestId, FCGI_RESPONDER, false);
+  // php-cgi keeps the parameters in a list it builds by putting each new
+  // one in front, and hands them to the script from that list: sent last
+  // first, they reach $_SERVER in the order of env, as they do over CGI.
+  FcgiAddParams(records, kRequestId, env, true);
+  // The body goes in pieces, never copied whole: uploads can be large.
+  const char* p = static_cast<const char*>(body);
+  for (size_t sent = 0; sent < bodyLen && !Finished && !SendFailed; sent += kSendPiece) {
+    size_t piece = bodyLen - sent < kSendPiece ? bodyLen - sent : kSendPiece;
+    FcgiAddRecord(records, FCGI_STDIN, kRequestId, p + sent, piece);
+    SendRecords(records);
+    records.clear();
+  }
+  if (!Finished && !SendFailed) {
+    FcgiAddRecord(records, FCGI_STDIN, kRequestId, nullptr, 0);
+    SendRecords(records);
+  }
+  return Outcome == PHP_RUN_DONE;
+}
+
+// A free worker and a connection to it. A worker found dead while idle is
+// marked for replacement and the next one is tried.
+bool PhpRequest::Connect() {
+  for (int attempt = 0; attempt <= Pool.WorkerCount() + 1; attempt++) {
+    SlotIndex = Pool.Acquire(MsLeft(Deadline));
+    if (SlotIndex < 0) return false;
+    std::string path;
+    {
+      PlLock g(Pool.Lock);
+      PhpPool::Worker* w = Pool.Slots[(size_t)SlotIndex].Current;
+      Proc = w->Proc;
+      path = w->SocketPath;
+    }
+    Sock = PlSockLocalConnect(path.c_str());
+    if (Sock != PL_NO_SOCKET) return true;
+    Pool.Release(SlotIndex, true);
+    SlotIndex = -1;
+  }
+  return false;
+}
+
+// Writes while taking in what comes back: a script may answer before it
+// has read its whole input, and neither side must block the other.
+void PhpRequest::SendRecords(const std::string& records) {
+  size_t pos = 0;
+  while (pos < records.size() && SlotIndex >= 0 && !Finished) {
+    unsigned left = MsLeft(Deadline);
+    if (left == 0) return End(PHP_RUN_TIMED_OUT);
+    int ready = PlSockPoll(Sock, PL_SOCK_IN | PL_SOCK_OUT, (int)left);
+    if (ready < 0) {
+      SendFailed = true;  // reading will tell what happened
+      return;
+    }
+    if (ready & PL_SOCK_IN) {
+      if (!ReceiveSome()) return;
+    } else if (ready & PL_SOCK_OUT) {
+      size_t piece = records.size() - pos < kSendPiece ? records.size() - pos : kSendPiece;
+      int n = PlSockSendSome(Sock, records.data() + pos, (int)piece);
+      if (n < 0) {
+        SendFailed = true;  // the worker stopped reading; its reply may still come
+        return;
+      }
+      pos += (size_t)n;
+    }
+  }
+}
+
+int PhpRequest::Read(void* buf, int n) {
+  for (;;) {
+    if (OutPos < Out.size()) {
+      size_t k = Out.size() - OutPos;
+      if (k > (size_t)n) k = (size_t)n;
+      memcpy(buf, Out.data() + OutPos, k);
+      OutPos += k;
+      if (OutPos == Out.size()) {
+        Out.clear();
+        OutPos = 0;
+      }
+      return (int)k;
+    }
+    if (Finished || SlotIndex < 0) return 0;
+    unsigned left = MsLeft(Deadline);
+    int ready = left ? PlSockPoll(Sock, PL_SOCK_IN, (int)left) : 0;
+    if (ready == 0) {
+      End(PHP_RUN_TIMED_OUT);
+    } else if (ready < 0) {
+      End(PHP_RUN_WORKER_LOST);
+    } else {
+      ReceiveSome();
+    }
+  }
+}
+
+bool PhpRequest::ReceiveSome() {
+  size_t old = In.size();
+  In.resize(old + kReceivePiece);
+  int n = PlSockRecv(Sock, &In[old], (int)kReceivePiece);
+  In.resize(old + (n > 0 ? (size_t)n : 0));
+  if (n <= 0) {
+    End(PHP_RUN_WORKER_LOST);  // gone before its end record
+    return false;
+  }
+  TakeRecords();
+  return SlotIndex >= 0;
+}
+
+// Takes apart every whole record received so far.
+void PhpRequest::TakeRecords() {
+  while (!Finished && In.size() - InPos >= (size_t)FCGI_HEADER_LEN) {
+    FcgiHeader h;
+    if (!FcgiParseHeader(reinterpret_cast<const unsigned char*>(In.data() + InPos), &h)) {
+      End(PHP_RUN_WORKER_LOST);
+      return;
+    }
+    size_t whole = FCGI_HEADER_LEN + h.ContentLength + h.PaddingLength;
+    if (In.size() - InPos < whole) break;
+    const char* content = In.data() + InPos + FCGI_HEADER_LEN;
+    InPos += whole;
+    if (h.RequestId != kRequestId) continue;
+    if (h.Type == FCGI_STDOUT) {
+      Out.append(content, h.ContentLength);
+    } else if (h.Type == FCGI_STDERR) {
+      TakeStderr(content, h.ContentLength, false);
+    } else if (h.Type == FCGI_END_REQUEST) {
+      FcgiEndRequest end;
+      if (FcgiParseEndRequest(content, h.ContentLength, &end)) AppStatus = end.AppStatus;
+      TakeStderr(nullptr, 0, true);
+      End(PHP_RUN_DONE);
+    }
+  }
+  if (InPos == In.size()) {
+    In.clear();
+    InPos = 0;
+  } else if (InPos >= kReceivePiece) {
+    In.erase(0, InPos);
+    InPos = 0;
+  }
+}
+
+void PhpRequest::TakeStderr(const char* data, size_t len, bool flush) {
+  if (!OnStderr) return;
+  ErrLine.append(data ? data : "", len);
+  size_t start = 0, eol;
+  while ((eol = ErrLine.find('\n', start)) != std::string::npos) {
+    size_t stop = eol > start && ErrLine[eol - 1] == '\r' ? eol - 1 : eol;
+    OnStderr(Context, ErrLine.data() + start, (int)(stop - start));
+    start = eol + 1;
+  }
+  ErrLine.erase(0, start);
+  if (flush && !ErrLine.empty()) {
+    OnStderr(Context, ErrLine.data(), (int)ErrLine.size());
+    ErrLine.clear();
+  }
+}
+
+// The request is over: a worker that did not finish cleanly is ended now
+// (a timed-out script stops at once) and replaced by the supervisor.
+void PhpRequest::End(PhpRunResult outcome) {
+  if (SlotIndex < 0) return;
+  Outcome = outcome;
+  Finished = true;
+  bool broken = outcome != PHP_RUN_DONE;
+  if (broken) PlProcessTerminate(Proc, 1);
+  PlSockClose(Sock);
+  Sock = PL_NO_SOCKET;
+  Pool.Release(SlotIndex, broken);
+  SlotIndex = -1;
+}

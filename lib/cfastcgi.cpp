@@ -1,0 +1,117 @@
+#include "cfastcgi.h"
+
+#include <cstring>
+
+namespace {
+
+void AddHeader(std::string& out, int type, int requestId, size_t contentLen, size_t paddingLen) {
+  unsigned char h[FCGI_HEADER_LEN] = {1,
+                                      (unsigned char)type,
+                                      (unsigned char)(requestId >> 8),
+                                      (unsigned char)requestId,
+                                      (unsigned char)(contentLen >> 8),
+                                      (unsigned char)contentLen,
+                                      (unsigned char)paddingLen,
+                                      0};
+  out.append(reinterpret_cast<char*>(h), sizeof h);
+}
+
+void AddLength(std::string& out, size_t len) {
+  if (len < 128) {
+    out += (char)len;
+    return;
+  }
+  out += (char)(0x80 | ((len >> 24) & 0x7F));
+  out += (char)(len >> 16);
+  out += (char)(len >> 8);
+  out += (char)len;
+}
+
+bool TakeLength(const unsigned char*& p, const unsigned char* end, size_t* len) {
+  if (p >= end) return false;
+  if (!(*p & 0x80)) {
+    *len = *p++;
+    return true;
+  }
+  if (end - p < 4) return false;
+  *len = ((size_t)(p[0] & 0x7F) << 24) | ((size_t)p[1] << 16) | ((size_t)p[2] << 8) | p[3];
+  p += 4;
+  return true;
+}
+
+}  // namespace
+
+void FcgiAddRecord(std::string& out, int type, int requestId, const void* data, size_t len) {
+  const char* p = static_cast<const char*>(data);
+  do {
+    size_t piece = len < FCGI_MAX_CONTENT ? len : FCGI_MAX_CONTENT;
+    // Padding to a multiple of 8 keeps the application's reads aligned;
+    // it is optional, but cheap.
+    size_t padding = (8 - piece % 8) % 8;
+    AddHeader(out, type, requestId, piece, padding);
+    if (piece) out.append(p, piece);
+    out.append(padding, '\0');
+    p += piece;
+    len -= piece;
+  } while (len > 0);
+}
+
+void FcgiAddBeginRequest(std::string& out, int requestId, int role, bool keepConn) {
+  const unsigned char body[8] = {(unsigned char)(role >> 8), (unsigned char)role, (unsigned char)(keepConn ? 1 : 0),
+                                 0, 0, 0, 0, 0};
+  FcgiAddRecord(out, FCGI_BEGIN_REQUEST, requestId, body, sizeof body);
+}
+
+void FcgiAddNameValue(std::string& out, const char* name, size_t nameLen, const char* value, size_t valueLen) {
+  AddLength(out, nameLen);
+  AddLength(out, valueLen);
+  out.append(name, nameLen);
+  out.append(value, valueLen);
+}
+
+void FcgiAddParams(std::string& out, int requestId, const CStrList& env, bool lastFirst) {
+  std::string pairs;
+  for (const __cstr_list* n = lastFirst ? env.Last : env.Beg; n; n = lastFirst ? n->Prev : n->Next) {
+    const char* entry = n->Str.Str ? n->Str.Str : "";
+    size_t len = (size_t)n->Str.Len;
+    const char* eq = static_cast<const char*>(memchr(entry, '=', len));
+    size_t nameLen = eq ? (size_t)(eq - entry) : len;
+    const char* value = eq ? eq + 1 : entry + len;
+    FcgiAddNameValue(pairs, entry, nameLen, value, len - nameLen - (eq ? 1 : 0));
+  }
+  // A pair may straddle two records: the application joins the stream
+  // before it reads the pairs.
+  if (!pairs.empty()) FcgiAddRecord(out, FCGI_PARAMS, requestId, pairs.data(), pairs.size());
+  FcgiAddRecord(out, FCGI_PARAMS, requestId, nullptr, 0);
+}
+
+bool FcgiParseHeader(const unsigned char* p, FcgiHeader* h) {
+  if (p[0] != 1) return false;
+  h->Type = p[1];
+  h->RequestId = (p[2] << 8) | p[3];
+  h->ContentLength = ((size_t)p[4] << 8) | p[5];
+  h->PaddingLength = p[6];
+  return true;
+}
+
+bool FcgiParseNameValues(const void* data, size_t len, std::vector<std::pair<std::string, std::string>>* out) {
+  const unsigned char* p = static_cast<const unsigned char*>(data);
+  const unsigned char* end = p + len;
+  while (p < end) {
+    size_t nameLen, valueLen;
+    if (!TakeLength(p, end, &nameLen) || !TakeLength(p, end, &valueLen)) return false;
+    if ((size_t)(end - p) < nameLen || (size_t)(end - p) - nameLen < valueLen) return false;
+    out->emplace_back(std::string(reinterpret_cast<const char*>(p), nameLen),
+                      std::string(reinterpret_cast<const char*>(p) + nameLen, valueLen));
+    p += nameLen + valueLen;
+  }
+  return true;
+}
+
+bool FcgiParseEndRequest(const void* data, size_t len, FcgiEndRequest* out) {
+  if (len < 8) return false;
+  const unsigned char* p = static_cast<const unsigned char*>(data);
+  out->AppStatus = ((unsigned)p[0] << 24) | ((unsigned)p[1] << 16) | ((unsigned)p[2] << 8) | p[3];
+  out->ProtocolStatus = p[4];
+  return true;
+}

@@ -1,0 +1,5 @@
+<?php
+$none = [];
+echo 'before;';
+echo $none['missing-key'];
+echo 'after';
