@@ -71,6 +71,9 @@ unsigned PlProcessExitCode(PlProc* p);
 bool PlProcessSetPriority(PlProc* p, int cls);
 // The system's id of the child.
 long long PlProcessId(PlProc* p);
+// Ends the process with that system id at once, whoever started it; false
+// when there is none or it may not be ended.
+bool PlProcessKillId(long long pid);
 // Releases the record. The child must have been waited for.
 void PlProcessClose(PlProc* p);
 

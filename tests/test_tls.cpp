@@ -108,6 +108,7 @@ TEST_F(TlsTest, RealClientAndAFailedHandshake) {
 // The handshake runs on each connection's own thread under its own deadline:
 // a client that says nothing, or trickles its hello, delays nobody else.
 TEST_F(TlsTest, SilentAndTricklingClientsDelayNobody) {
+  SKIP_WITHOUT_TLS();
   CHttpServer srv;
   Configure(srv, "cert.pem", "key.pem");
   unsigned short port = ExtrasStartServer(srv);

@@ -393,6 +393,8 @@ void PlProcessTerminate(PlProc* p, unsigned exitCode) {
   if (kill(-p->Pid, SIGKILL) != 0) kill(p->Pid, SIGKILL);
 }
 
+bool PlProcessKillId(long long pid) { return pid > 0 && kill((pid_t)pid, SIGKILL) == 0; }
+
 unsigned PlProcessExitCode(PlProc* p) {
   std::lock_guard<std::mutex> g(p->M);
   return p->ExitCode;

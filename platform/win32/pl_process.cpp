@@ -186,6 +186,14 @@ void PlProcessTerminate(PlProc* p, unsigned exitCode) {
   TerminateProcess(p->Process, exitCode);
 }
 
+bool PlProcessKillId(long long pid) {
+  HANDLE h = OpenProcess(PROCESS_TERMINATE, FALSE, (DWORD)pid);
+  if (!h) return false;
+  bool ended = TerminateProcess(h, 1) != 0;
+  CloseHandle(h);
+  return ended;
+}
+
 unsigned PlProcessExitCode(PlProc* p) {
   DWORD code = 0;
   if (!GetExitCodeProcess(p->Process, &code)) return p->TermCode;

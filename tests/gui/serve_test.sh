@@ -92,6 +92,7 @@ port-search)
 key-php)
   # The key's cookie never reaches PHP; foreign names and origins are refused
   # before PHP or the run wrapper is reached.
+  (( ON_WINE )) && skip "no PHP interpreter for Windows on this machine"
   command -v php-cgi >/dev/null || skip "php-cgi missing"
   PORT=$(free_port)
   mkdir -p "$WORK/site"

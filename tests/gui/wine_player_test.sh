@@ -76,10 +76,15 @@ window)
     (( WIDTH > 500 && HEIGHT > 319 )) || fail "window ${WIDTH}x$HEIGHT smaller than its client"
   fi
   grep -q '^browser create: 0x00000000$' "$WORK/log" || fail "browser control not created"
-  grep -q "^navigate: http://localhost:$PORT/docs/a.html\$" "$WORK/log" || fail "start address"
+  # The control is sent to the start page with the access key, which the
+  # server trades for its cookie.
+  URL=$(sed -n 's/^navigate: //p' "$WORK/log" | head -1)
+  [[ $URL =~ ^http://localhost:$PORT/docs/a\.html\?lumetta_key=[0-9a-f]{32}$ ]] || fail "start address $URL"
   grep -q '^browser navigate: 0x00000000$' "$WORK/log" || fail "navigation refused"
   wait_for 10 port_listening "$PORT" || fail "server not listening"
-  [[ $(curl -fsS "http://127.0.0.1:$PORT/docs/a.html") == "<p>a</p>" ]] || fail "page not served"
+  open_key
+  [[ $LOCATION == /docs/a.html ]] || fail "key address led to '$LOCATION'"
+  [[ $(curl -fsS "${KEY[@]}" "http://localhost:$PORT/docs/a.html") == "<p>a</p>" ]] || fail "page not served"
   if [[ -n ${LUMETTA_WINE_SHOT:-} ]]; then import -window root "$LUMETTA_WINE_SHOT"; fi
   close_window "Wine Window"
   expect_exit_0

@@ -33,6 +33,7 @@ static void QuietWindowsRunTime() {
 #ifdef _WIN32
   _setmode(_fileno(stdin), _O_BINARY);
   _setmode(_fileno(stdout), _O_BINARY);
+  _setmode(_fileno(stderr), _O_BINARY);
   SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
   // Wine ignores the error mode and starts its debugger, which holds the
   // output pipe open: end here instead (a watching debugger still sees the
