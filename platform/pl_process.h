@@ -22,10 +22,10 @@ void PlPipeClose(PlFile f);
 PlFile PlOpenNullDevice();
 
 // How many files and sockets this process may hold open at once (the soft
-// limit); a generous figure where the system sets none.
+// limit); where the system sets none, a budget of our own, generous at start.
 int PlOpenFileLimit();
-// Changes that soft limit (not above the hard one); false where the system
-// has no such limit or refuses.
+// Changes that soft limit (not above the hard one) or our own budget; false
+// when refused.
 bool PlSetOpenFileLimit(int n);
 
 struct PlProcessStartInfo {

@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -84,11 +85,18 @@ PlFile PlOpenNullDevice() {
   return h == INVALID_HANDLE_VALUE ? PL_NO_FILE : (PlFile)(intptr_t)h;
 }
 
-// Sockets and handles have no small per-process limit here; this keeps the
-// server's connection cap at a size the machine's memory can carry.
-int PlOpenFileLimit() { return 16384; }
+// Sockets and handles have no small per-process limit here: the figure is a
+// budget of our own, which keeps the server's connection cap at a size the
+// machine's memory can carry and which a host may lower.
+static std::atomic<int> HandleBudget{16384};
 
-bool PlSetOpenFileLimit(int /*n*/) { return false; }
+int PlOpenFileLimit() { return HandleBudget; }
+
+bool PlSetOpenFileLimit(int n) {
+  if (n <= 0) return false;
+  HandleBudget = n;
+  return true;
+}
 
 PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   if (!info.CmdLine) return nullptr;
