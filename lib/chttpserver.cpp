@@ -180,7 +180,9 @@ void CHttpServer::DrainClients() {
     Live->Stopping = true;
     for (PlSocket s : Live->Sockets) PlSockShutdownBoth(s);
   }
-  Live->NoneLeft.Wait(kClientDrainMs);
+  // A thread still running after the bounded wait (a long CGI run) would use
+  // the server and this record after they are freed: it is waited for.
+  if (!Live->NoneLeft.Wait(kClientDrainMs)) Live->NoneLeft.Wait(PL_INFINITE);
   // The last thread sets the event while holding the lock; taking the lock
   // once more makes sure it has let go before the lock is destroyed.
   PlLock g(Live->Lock);

@@ -22,10 +22,10 @@ void PlPipeClose(PlFile f);
 PlFile PlOpenNullDevice();
 
 // How many files and sockets this process may hold open at once (the soft
-// limit); a generous figure where the system sets none.
+// limit); where the system sets none, a budget of our own, generous at start.
 int PlOpenFileLimit();
-// Changes that soft limit (not above the hard one); false where the system
-// has no such limit or refuses.
+// Changes that soft limit (not above the hard one) or our own budget; false
+// when refused.
 bool PlSetOpenFileLimit(int n);
 
 struct PlProcessStartInfo {
@@ -77,7 +77,22 @@ unsigned PlProcessExitCode(PlProc* p);
 bool PlProcessSetPriority(PlProc* p, int cls);
 // The system's id of the child.
 long long PlProcessId(PlProc* p);
+// Ends the process with that system id at once, whoever started it; false
+// when there is none or it may not be ended.
+bool PlProcessKillId(long long pid);
 // Releases the record. The child must have been waited for.
 void PlProcessClose(PlProc* p);
+
+// Sets (value non-null) or removes (value null) a variable of our own
+// environment, which children started with an inherited environment get.
+bool PlSetEnv(const char* name, const char* value);
+
+// Number of open descriptors (POSIX) or handles (Windows) of this process,
+// -1 when it cannot be told; for tests that look for leaks.
+int PlOpenHandleCount();
+
+// True when no ended child of this process is left uncollected (POSIX
+// zombies). Windows keeps no such state: always true there.
+bool PlProcessAllCollected();
 
 #endif

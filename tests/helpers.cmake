@@ -1,10 +1,15 @@
 # The child program the pipe stream and gateway tests start. It is
 # built without sanitizers: a crash must end it by its signal, not by a
-# sanitizer report.
+# sanitizer report. On Windows it carries its run-time inside, like the
+# programs themselves.
 add_executable(pipe_helper ${CMAKE_CURRENT_SOURCE_DIR}/helpers/pipe_helper.cpp)
+set(helper_link_options "")
+if(MINGW)
+  set(helper_link_options "-static")
+endif()
 set_target_properties(pipe_helper PROPERTIES
   COMPILE_OPTIONS "-Wall;-Wextra"
-  LINK_OPTIONS ""
+  LINK_OPTIONS "${helper_link_options}"
   RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/helpers)
 foreach(t test_cpipestream test_cgiwrapper)
   if(TARGET ${t})

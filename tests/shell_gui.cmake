@@ -22,7 +22,11 @@ if(TARGET lumetta-serve)
   lumetta_script_tests(php_app php_apps.sh lumetta-serve shell_serve 120 OFF
                        dokuwiki phpliteadmin)
 endif()
-if(TARGET lumetta)
+if(TARGET lumetta AND WIN32)
+  # The Windows player under wine (the tests need no emulator of their own).
+  lumetta_script_tests(shell_wine wine_player_test.sh lumetta shell_gui 120 ON
+                       window fading missing-ini)
+elseif(TARGET lumetta)
   lumetta_script_tests(shell_gui player_test.sh lumetta "nosan;shell_gui" 180 ON
                        window no-statusbar borderless port-taken bad-options demo off-screen)
 endif()

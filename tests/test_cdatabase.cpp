@@ -4,6 +4,7 @@
 
 #include "cdatabase.h"
 #include "extras_support.h"
+#include "portable.h"
 
 namespace {
 
@@ -22,6 +23,7 @@ class CDatabaseTest : public ::testing::Test {
   CDatabase Db;
 
   void SetUp() override {
+    if (!TestLibraryPresent(PL_LIB_SQLITE)) GTEST_SKIP() << "SQLite library " << PL_LIB_SQLITE << " not found";
     Db.Open(Dir.File("test.db").c_str());
     ASSERT_TRUE(Db.Exec("CREATE TABLE people (id INTEGER PRIMARY KEY, name TEXT, note TEXT, pic BLOB);"));
     Db.SetPriKeyName("id");

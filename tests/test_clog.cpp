@@ -6,13 +6,13 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <sstream>
 #include <thread>
 #include <vector>
 
 #include "clog.h"
 #include "pl_net.h"
+#include "server_support.h"
 
 namespace fs = std::filesystem;
 
@@ -35,24 +35,26 @@ bool LockFreeForOtherThreads(PlMutex* m) {
   return free;
 }
 
-// Each test logs into a fresh directory of its own.
+// Each test logs into a fresh directory of its own. The directory is declared
+// first so that it goes last, after the log has closed its file (an open file
+// cannot be removed on Windows).
 class LogTest : public ::testing::Test {
  protected:
-  fs::path Dir = fs::temp_directory_path() / ("lumetta_clog_" + std::to_string(std::random_device()()));
+  srvtest::ScratchDir Scratch;
+  fs::path Dir = Scratch.Path();
   CLog Log;
 
   void SetUp() override {
-    fs::create_directories(Dir);
     Log.Path = (Dir.string() + "/").c_str();
     Log.FileNamePref = "srv";
   }
-  void TearDown() override { fs::remove_all(Dir); }
 
-  // The contents of the file a New() at time t opens.
+  // The contents of the file a New() at time t opens, with the platform's
+  // line ends read as "\n".
   std::string FileFor(time_t t, const char* prefix = "srv") const {
     char date[16];
     strftime(date, sizeof date, "%Y%m%d", std::gmtime(&t));
-    std::ifstream in(Dir / (std::string(prefix) + date + ".log"), std::ios::binary);
+    std::ifstream in(Dir / (std::string(prefix) + date + ".log"));
     return std::string(std::istreambuf_iterator<char>(in), {});
   }
 };

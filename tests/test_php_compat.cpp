@@ -18,6 +18,7 @@
 #include "engines_helpers.h"
 #include "php_options.h"
 #include "phppool.h"
+#include "pl_process.h"
 #include "progdir.h"
 #include "server_support.h"
 
@@ -330,7 +331,7 @@ TEST_F(PhpStandIn, WorkersThatCanNoLongerStartFallBackWithOneLogLine) {
   EXPECT_EQ(Page(0), "page 0");
   StandIn("exit 1");
   for (long long pid : Pool.WorkerPids()) {
-    kill((pid_t)pid, SIGKILL);
+    PlProcessKillId(pid);
     while (EnginesProcessAlive(pid)) PlSleepMs(5);  // not a request lost to a worker mid-kill
   }
   for (int n = 1; n < 6; n++) EXPECT_EQ(Page(n), "page " + std::to_string(n));

@@ -4,8 +4,6 @@
 // is left behind.
 #include <gtest/gtest.h>
 
-#include <signal.h>
-
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
@@ -226,7 +224,7 @@ TEST_F(PhpPoolTest, WorkerThatKillsItselfIsReplaced) {
 TEST_F(PhpPoolTest, IdleWorkerKilledFromOutsideIsReplaced) {
   // Once a killed worker is gone, requests never see it: they go to the
   // live one, or wait for the replacement.
-  for (long long pid : Pool.WorkerPids()) kill((pid_t)pid, SIGKILL);
+  for (long long pid : Pool.WorkerPids()) PlProcessKillId(pid);
   for (long long pid : Pool.WorkerPids())
     while (EnginesProcessAlive(pid)) PlSleepMs(5);
   for (int i = 0; i < 5; i++) EXPECT_EQ(Get("query.php", "n=1").Result, PHP_RUN_DONE) << i;
@@ -339,7 +337,7 @@ TEST(PhpPoolStart, GivesUpWhenWorkersCannotBeReplaced) {
   PhpPool pool;
   ASSERT_TRUE(pool.Start(("\"" + dir / "php-cgi" + "\"" + cmd.substr(cmd.find('"', 1) + 1)).c_str(), 1));
   std::filesystem::remove(dir / "php-cgi");
-  for (long long pid : pool.WorkerPids()) kill((pid_t)pid, SIGKILL);
+  for (long long pid : pool.WorkerPids()) PlProcessKillId(pid);
   uint64_t start = PlMonotonicMs();
   CStrList env;
   env.Add(("SCRIPT_FILENAME=" + dir / "page.php").c_str());

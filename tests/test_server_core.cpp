@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <string>
 
 #include "pl_thread.h"
+#include "pl_time.h"
 #include "server_support.h"
 
 using namespace srvtest;
@@ -46,7 +48,8 @@ bool WriterEngine(void*, void* c) {
   if (q == "err" || q == "why" || q == "force")
     srv->SendError(cl, srv->ErrMsg404, q == "err" ? nullptr : "why", q == "force" ? 1 : 0);
   long long size = std::max(0LL, (long long)cl->QueryStr.FileSize());
-  if (q[0] == '/' && srv->SendHeader(cl, (int)size, "application/octet-stream", nullptr, 0, 0))
+  bool isPath = q.find('/') != std::string::npos;  // "/tmp/x" or "C:/x"
+  if (isPath && srv->SendHeader(cl, (int)size, "application/octet-stream", nullptr, 0, 0))
     srv->SendFile(cl, q.c_str());
   return true;
 }
@@ -84,17 +87,31 @@ class ServerCore : public ::testing::Test {
 };
 
 // HTTP dates to and from seconds since 1970 (-1 when the text is not one).
+// Parsed by hand: the C library's strptime and timegm are not everywhere.
 const char kDateFormat[] = "%a, %d %b %Y %H:%M:%S GMT";
+long long DaysFromCivil(long long y, unsigned m, unsigned d) {  // proleptic Gregorian
+  y -= m <= 2;
+  long long era = (y >= 0 ? y : y - 399) / 400;
+  unsigned yoe = (unsigned)(y - era * 400);
+  unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + (long long)doe - 719468;
+}
 long long HttpDateSeconds(const std::string& text) {
-  struct tm t = {};
-  const char* end = strptime(text.c_str(), kDateFormat, &t);
-  return end && !*end ? (long long)timegm(&t) : -1;
+  static const std::string months = "JanFebMarAprMayJunJulAugSepOctNovDec";
+  char wday[4] = {}, mon[4] = {};
+  int d = 0, y = 0, h = 0, mi = 0, sec = 0, used = 0;
+  if (sscanf(text.c_str(), "%3[A-Za-z], %2d %3s %4d %2d:%2d:%2d GMT%n", wday, &d, mon, &y, &h, &mi, &sec, &used) != 7 || used != (int)text.size())
+    return -1;
+  size_t m = months.find(mon);
+  if (m == std::string::npos || m % 3) return -1;
+  return DaysFromCivil(y, (unsigned)(m / 3 + 1), (unsigned)d) * 86400 + h * 3600 + mi * 60 + sec;
 }
 std::string HttpDate(long long seconds) {
-  time_t t = (time_t)seconds;
-  struct tm g;
+  struct tm g = {};
   char text[64];
-  strftime(text, sizeof text, kDateFormat, gmtime_r(&t, &g));
+  PlUtcTime((time_t)seconds, &g);
+  strftime(text, sizeof text, kDateFormat, &g);
   return text;
 }
 

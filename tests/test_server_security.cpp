@@ -11,6 +11,9 @@
 #include <thread>
 #include <vector>
 
+#include <cstring>
+
+#include "portable.h"
 #include "server_support.h"
 
 using namespace srvtest;
@@ -33,7 +36,10 @@ class SecurityTest : public ::testing::Test {
         {"sub", "home/linkdir_in"}, {"../../secret.txt", "home/docdir/index.html"},
         {"../secret.txt", "vroot/vlink"}};
     Base.MakeDir("home/docdir");
-    for (const auto& l : links) fs::create_symlink(l.target, Base.Join(l.link));
+    // Creating links on Windows needs a privilege tests do not have: the
+    // link cases then meet no link and must still be refused.
+    if (!TestOnWindows())
+      for (const auto& l : links) fs::create_symlink(l.target, Base.Join(l.link));
     Server.Srv().DefDocs.Add("index.html");
     Server.Srv().VdirAdd("/v", Base.Join("vroot").c_str(), HTTPS_OBJF_ENABLED);
     Server.Srv().EngsAdd("/echo", EchoArgsEngine, HTTPS_OBJF_ENABLED);
@@ -93,10 +99,14 @@ TEST_F(SecurityTest, TraversalCorpusNeverLeavesTheRoots) {
   const std::pair<const char*, const char*> inside[] = {
       {"/a.txt", "inside"}, {"/inlink", "inside"}, {"/sub/../a.txt", "inside"},
       {"/linkdir_in/x.txt", "inside sub"}, {"/v/ok.txt", "vdir ok"}};
-  for (const auto& [target, body] : inside) EXPECT_EQ(Get(Server.Port(), target).Body, body) << target;
+  for (const auto& [target, body] : inside)
+    if (!TestOnWindows() || !strstr(target, "link")) {
+      EXPECT_EQ(Get(Server.Port(), target).Body, body) << target;
+    }
 }
 
 TEST_F(SecurityTest, LinksOutAreRefusedForEveryMethod) {
+  SKIP_ON_WINDOWS("making symbolic links needs a privilege the tests do not have");
   Base.Write("home/scripts/ok.txt", "inside");
   fs::create_symlink("../../secret.txt", Base.Join("home/scripts/x.php"));
   // An engine stands in for the PHP gateway: it is handed the script the
@@ -125,6 +135,7 @@ TEST_F(SecurityTest, LinksOutAreRefusedForEveryMethod) {
 // requests for it run: the file that is checked must be the file that is
 // sent, so not one byte from outside ever arrives.
 TEST_F(SecurityTest, LinkSwappedDuringRequestsNeverLeaksOutside) {
+  SKIP_ON_WINDOWS("making symbolic links needs a privilege the tests do not have");
   Base.Write("home/in/file.txt", "inside");
   Base.Write("out/file.txt", "TOPSECRET");
   const std::string swap = Base.Join("home/swap"), dirSwap = Base.Join("home/dirswap");
@@ -161,6 +172,7 @@ TEST_F(SecurityTest, LinkSwappedDuringRequestsNeverLeaksOutside) {
 // The same for a listing: the directory that was checked is the one listed,
 // so the names outside never show.
 TEST(SecurityListing, LinkSwappedDuringListingsNeverShowsOutsideNames) {
+  SKIP_ON_WINDOWS("making symbolic links needs a privilege the tests do not have");
   ScratchDir base;
   base.Write("home/in/inside-name.txt", "x");
   base.Write("out/TOPSECRET-name.txt", "x");

@@ -12,6 +12,7 @@
 #include "pl_net.h"
 #include "pl_thread.h"
 #include "player_start.h"
+#include "portable.h"
 #include "progdir.h"
 #include "shell_state.h"
 
@@ -95,7 +96,7 @@ TEST_F(ShellStart, ReadsSettingsInOrderAndConfiguresTheServer) {
                           "borderless", "width 700", "height 500", "on top", "buttons SN-", nav,
                           "no context menu", "translucent"}));
   EXPECT_EQ(HttpServer->GetListeningAddr(), 0x7F000001u);
-  EXPECT_STREQ(HttpServer->GetHomeDir().c_str(), Tmp.Path().c_str());
+  EXPECT_STREQ(HttpServer->GetHomeDir().c_str(), TestNativePath(Tmp.Path()).c_str());
   EXPECT_NE(HttpServer->ObjGet(HTTPS_OBJ_ENGINE, "/run.ebd"), nullptr);
   EXPECT_EQ(HttpServer->ObjGet(HTTPS_OBJ_EXT, "/a.php"), nullptr);  // PHP is off
   ASSERT_EQ(HttpServer->DefDocs.Count(), 2);

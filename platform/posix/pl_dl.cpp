@@ -3,7 +3,7 @@
 
 #include <dlfcn.h>
 
-void* PlDlOpen(const char* name) {
+void* PlDlOpenFile(const char* name) {
   if (!name || !*name) return nullptr;
   // RTLD_LOCAL keeps the library's symbols out of the global namespace, so
   // two bound libraries can't interfere with each other.
@@ -17,6 +17,13 @@ void* PlDlSymbol(void* lib, const char* name) {
 
 void PlDlClose(void* lib) {
   if (lib) dlclose(lib);
+}
+
+bool PlDlIsLoaded(const char* name) {
+  if (!name || !*name) return false;
+  void* h = dlopen(name, RTLD_NOW | RTLD_NOLOAD);
+  if (h) dlclose(h);
+  return h != nullptr;
 }
 
 const char* const PL_LIB_SSL = "libssl.so.3";

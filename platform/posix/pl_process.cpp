@@ -5,6 +5,7 @@
 #include "pl_process.h"
 
 #include <errno.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -393,6 +394,8 @@ void PlProcessTerminate(PlProc* p, unsigned exitCode) {
   if (kill(-p->Pid, SIGKILL) != 0) kill(p->Pid, SIGKILL);
 }
 
+bool PlProcessKillId(long long pid) { return pid > 0 && kill((pid_t)pid, SIGKILL) == 0; }
+
 unsigned PlProcessExitCode(PlProc* p) {
   std::lock_guard<std::mutex> g(p->M);
   return p->ExitCode;
@@ -415,4 +418,19 @@ void PlProcessClose(PlProc* p) {
   }
   if (p->PidFd >= 0) close(p->PidFd);
   delete p;
+}
+
+bool PlSetEnv(const char* name, const char* value) {
+  return (value ? setenv(name, value, 1) : unsetenv(name)) == 0;
+}
+
+bool PlProcessAllCollected() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+int PlOpenHandleCount() {
+  DIR* d = opendir("/proc/self/fd");
+  if (!d) return -1;
+  int n = 0;
+  while (readdir(d)) n++;
+  closedir(d);
+  return n - 3;  // ".", ".." and the directory's own descriptor
 }

@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-void* PlDlOpen(const char* name) {
+void* PlDlOpenFile(const char* name) {
   if (!name || !*name) return nullptr;
   return reinterpret_cast<void*>(LoadLibraryA(name));
 }
@@ -20,5 +20,11 @@ void PlDlClose(void* lib) {
   if (lib) FreeLibrary(static_cast<HMODULE>(lib));
 }
 
-const char* const PL_LIB_SSL = "libssl-3-x64.dll";
+bool PlDlIsLoaded(const char* name) {
+  if (!name || !*name) return false;
+  return GetModuleHandleA(name) != nullptr;
+}
+
+// OpenSSL 3 first, then 1.1 (the names of the usual Windows builds).
+const char* const PL_LIB_SSL = "libssl-3-x64.dll|libssl-1_1-x64.dll";
 const char* const PL_LIB_SQLITE = "sqlite3.dll";

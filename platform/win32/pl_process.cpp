@@ -5,6 +5,8 @@
 
 #include <windows.h>
 
+#include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -83,11 +85,18 @@ PlFile PlOpenNullDevice() {
   return h == INVALID_HANDLE_VALUE ? PL_NO_FILE : (PlFile)(intptr_t)h;
 }
 
-// Sockets and handles have no small per-process limit here; this keeps the
-// server's connection cap at a size the machine's memory can carry.
-int PlOpenFileLimit() { return 16384; }
+// Sockets and handles have no small per-process limit here: the figure is a
+// budget of our own, which keeps the server's connection cap at a size the
+// machine's memory can carry and which a host may lower.
+static std::atomic<int> HandleBudget{16384};
 
-bool PlSetOpenFileLimit(int /*n*/) { return false; }
+int PlOpenFileLimit() { return HandleBudget; }
+
+bool PlSetOpenFileLimit(int n) {
+  if (n <= 0) return false;
+  HandleBudget = n;
+  return true;
+}
 
 PlProc* PlProcessStart(const PlProcessStartInfo& info) {
   if (!info.CmdLine) return nullptr;
@@ -185,6 +194,14 @@ void PlProcessTerminate(PlProc* p, unsigned exitCode) {
   TerminateProcess(p->Process, exitCode);
 }
 
+bool PlProcessKillId(long long pid) {
+  HANDLE h = OpenProcess(PROCESS_TERMINATE, FALSE, (DWORD)pid);
+  if (!h) return false;
+  bool ended = TerminateProcess(h, 1) != 0;
+  CloseHandle(h);
+  return ended;
+}
+
 unsigned PlProcessExitCode(PlProc* p) {
   DWORD code = 0;
   if (!GetExitCodeProcess(p->Process, &code)) return p->TermCode;
@@ -215,4 +232,18 @@ bool PlFindProgram(const char* name, std::string* out) {
   if (attrs == INVALID_FILE_ATTRIBUTES || (attrs & FILE_ATTRIBUTE_DIRECTORY)) return false;
   out->assign(buf.data(), n);
   return true;
+}
+
+bool PlSetEnv(const char* name, const char* value) {
+  // The C run-time keeps its own copy (getenv) beside the process block
+  // (children): both must change.
+  bool crt = _putenv_s(name, value ? value : "") == 0;
+  return SetEnvironmentVariableA(name, value) && crt;
+}
+
+bool PlProcessAllCollected() { return true; }
+
+int PlOpenHandleCount() {
+  DWORD n = 0;
+  return GetProcessHandleCount(GetCurrentProcess(), &n) ? int(n) : -1;
 }

@@ -23,10 +23,6 @@ long long PlSendFile(PlSocket s, PlFile f, long long len) {
   return sent;
 }
 
-void PlSockShutdownBoth(PlSocket s) {
-  if (s != PL_NO_SOCKET) shutdown((SOCKET)s, SD_BOTH);
-}
-
 // Windows has no cork; writes go out as the stack sees fit.
 bool PlSockCork(PlSocket) { return false; }
 

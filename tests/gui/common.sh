@@ -68,6 +68,15 @@ write_ini() {
   { echo "[Lumetta]"; printf '%s\n' "$@"; } > "$f"
 }
 
+# The player (PLAYER_PID) ends within 15 s with exit code 0.
+expect_exit_0() {
+  local tries=150
+  while kill -0 "$PLAYER_PID" 2>/dev/null && (( tries-- > 0 )); do sleep 0.1; done
+  kill -0 "$PLAYER_PID" 2>/dev/null && fail "player still running"
+  wait "$PLAYER_PID"; local rc=$?
+  [[ $rc == 0 ]] || fail "exit code $rc"
+}
+
 # open_key: opens the address lumetta-serve printed ($URL) the way a browser
 # would, keeping the access key's cookie in $JAR for the requests that follow
 # (curl "${KEY[@]}"); LOCATION is where the key address led.

@@ -46,6 +46,8 @@ make_phpliteadmin() {
 
 source "$SRC_DIR/tests/gui/common.sh"
 SERVE="$BIN_DIR/lumetta-serve"
+# The applications run on the host's php-cgi, which a Windows build can't use.
+[[ -e $SERVE.exe ]] && skip "no PHP interpreter for Windows on this machine"
 command -v curl >/dev/null || skip "curl missing"
 command -v php-cgi >/dev/null || skip "php-cgi missing"
 

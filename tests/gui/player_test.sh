@@ -73,13 +73,6 @@ right_click_opens_menu() {
   (( after > before ))
 }
 
-expect_exit_0() {
-  local tries=100
-  while kill -0 "$PLAYER_PID" 2>/dev/null && (( tries-- > 0 )); do sleep 0.1; done
-  kill -0 "$PLAYER_PID" 2>/dev/null && fail "player still running"
-  wait "$PLAYER_PID"; local rc=$?
-  [[ $rc == 0 ]] || fail "exit code $rc"
-}
 
 case $CASE in
 window)

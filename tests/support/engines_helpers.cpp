@@ -15,8 +15,10 @@
 #include "pl_net.h"
 #include "progdir.h"
 #include "runwrapper.h"
+#include "portable.h"
+#include "server_support.h"
 
-std::string EnginesHelperPath() { return std::string(LUMETTA_HELPER_DIR) + "/pipe_helper"; }
+std::string EnginesHelperPath() { return TestExeName(std::string(LUMETTA_HELPER_DIR) + "/pipe_helper"); }
 std::string HelperCmd(const std::string& args) { return "\"" + EnginesHelperPath() + "\" " + args; }
 
 std::string EnginesPoolHelperPath() { return std::string(LUMETTA_HELPER_DIR) + "/pool_helper"; }
@@ -52,10 +54,7 @@ void EnginesWriteFile(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary) << data;
 }
 
-EnginesTempDir::EnginesTempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "lumetta-eng-XXXXXX").string();
-  if (mkdtemp(&pattern[0])) Path = pattern;
-}
+EnginesTempDir::EnginesTempDir() : Path(srvtest::MakeTempDir("lumetta-eng-")) {}
 
 EnginesTempDir::~EnginesTempDir() {
   std::error_code ec;

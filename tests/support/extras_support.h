@@ -15,6 +15,7 @@
 #include "chttpserver.h"
 #include "pl_net.h"
 #include "pl_thread.h"
+#include "server_support.h"
 
 // The int code a call throws, 0 when it returns normally.
 template <class F>
@@ -30,13 +31,7 @@ int ThrownCode(F f) {
 // A fresh temporary directory, removed with its contents on destruction.
 class ExtrasTempDir {
  public:
-  ExtrasTempDir() {
-    std::random_device rd;
-    std::filesystem::path p;
-    do p = std::filesystem::temp_directory_path() / ("lumetta-extras-" + std::to_string(rd()));
-    while (!std::filesystem::create_directory(p));
-    Dir = p.string();
-  }
+  ExtrasTempDir() : Dir(srvtest::MakeTempDir("lumetta-extras-")) {}
   ~ExtrasTempDir() {
     std::error_code ec;
     std::filesystem::remove_all(Dir, ec);

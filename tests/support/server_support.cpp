@@ -18,14 +18,18 @@ namespace srvtest {
 
 const unsigned kLoopback = 0x7f000001;
 
-ScratchDir::ScratchDir() {
+std::string MakeTempDir(const std::string& prefix) {
   static std::atomic<int> counter{0};
   std::random_device rd;
   fs::path p;
-  do p = fs::temp_directory_path() / ("lumetta-srv-" + std::to_string(rd()) + "-" + std::to_string(counter++));
+  do p = fs::temp_directory_path() / (prefix + std::to_string(rd()) + "-" + std::to_string(counter++));
   while (!fs::create_directory(p));
-  Root = p.string();
+  // With "/" throughout: Windows takes it too, and paths joined with "/" by
+  // the tests stay in one form (and can travel in a URL unchanged).
+  return p.generic_string();
 }
+
+ScratchDir::ScratchDir() : Root(MakeTempDir("lumetta-srv-")) {}
 
 ScratchDir::~ScratchDir() {
   std::error_code ec;
@@ -172,7 +176,7 @@ void TestServer::Start() {
 std::string TestServer::LogText() const {
   std::string all;
   for (const auto& e : fs::directory_iterator(LogDir.Path())) {
-    std::ifstream in(e.path(), std::ios::binary);
+    std::ifstream in(e.path());  // text mode: the platform's line ends read as "\n"
     all += std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
   return all;

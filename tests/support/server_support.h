@@ -9,6 +9,10 @@
 
 namespace srvtest {
 
+// Creates a fresh directory below the system's temporary directory, named by
+// prefix and a random part; returns its path, written with "/".
+std::string MakeTempDir(const std::string& prefix);
+
 // A bound on how long the server may take to answer, stretched in the
 // slower sanitized builds.
 inline unsigned ReplyBoundMs(unsigned ms) { return ms * LUMETTA_TIME_SCALE; }

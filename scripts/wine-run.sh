@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Runs a Windows program under wine for the cross-built test suite (the
+# CMake emulator of Windows builds). The caller's WINEPREFIX is used; without
+# one, a throw-away prefix is made for this run. Every run is bounded.
+set -u
+export WINEDEBUG=${WINEDEBUG:--all}
+own_prefix=
+if [[ -z ${WINEPREFIX:-} ]]; then
+  WINEPREFIX=$(mktemp -d) && own_prefix=$WINEPREFIX && export WINEPREFIX
+fi
+wine=$(command -v wine64 || command -v wine || echo /usr/lib/wine/wine64)
+timeout -k 5 "${LUMETTA_WINE_TIMEOUT:-90}" "$wine" "$@"
+code=$?
+if [[ -n $own_prefix ]]; then
+  timeout 20 wineserver -k 2>/dev/null
+  rm -rf "$own_prefix"
+fi
+exit $code
