@@ -75,7 +75,8 @@ enum {
   HTTPS_OBJ_ENGINE = 1,
   HTTPS_OBJ_VDIR = 2,
   HTTPS_OBJ_VFILE = 4,
-  HTTPS_OBJ_EXT = 8
+  HTTPS_OBJ_EXT = 8,
+  HTTPS_OBJ_ANY = HTTPS_OBJ_ENGINE | HTTPS_OBJ_VDIR | HTTPS_OBJ_VFILE | HTTPS_OBJ_EXT
 };
 // __https_obj::Flags bits.
 enum {
@@ -84,6 +85,11 @@ enum {
   HTTPS_OBJF_BROWSE = 4,
   HTTPS_OBJF_PASSWORD = 8
 };
+// SendHeader flags: a cacheable reply carries public caching headers and an
+// Expires CacheExpire seconds ahead.
+enum { HTTPS_HEADERF_CACHEABLE = 1 };
+// SendError flags: the bare status line even where an error page is set.
+enum { HTTPS_ERRF_BARE = 1 };
 
 // A registry entry (engine, mapped directory or file, or handler of an
 // extension). CHttpServer::ObjList owns it.

@@ -281,7 +281,7 @@ bool CHttpServer::RefuseHead(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char
   }
   CStr why;
   why.Printf(whyFormat, limit);
-  SendError(client, err, why.c_str(), 1);
+  SendError(client, err, why.c_str(), HTTPS_ERRF_BARE);
   return false;
 }
 
@@ -389,7 +389,7 @@ void CHttpServer::DispatchWithBody(HTTPS_CLIENT* client) {
   }
   if (client->PostLen > MaxPostLen) {
     client->Socket->Flush(client->PostLen);
-    SendError(client, ErrMsg413, method, 1);
+    SendError(client, ErrMsg413, method, HTTPS_ERRF_BARE);
     return;
   }
   ResolveDefaultDocument(client);
@@ -402,7 +402,7 @@ void CHttpServer::DispatchWithBody(HTTPS_CLIENT* client) {
     CStr local;
     bool isDir = false;
     bool exists = !post || LocalTarget(client->Arg, local, isDir);
-    SendError(client, exists ? ErrMsg405 : ErrMsg404, method, 1);
+    SendError(client, exists ? ErrMsg405 : ErrMsg404, method, HTTPS_ERRF_BARE);
     return;
   }
   if (!CheckAccess(obj, client)) return;

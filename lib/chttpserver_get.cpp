@@ -284,11 +284,11 @@ CHttpServer::GetOutcome CHttpServer::FindTarget(HTTPS_CLIENT* client, __https_ob
   }
   // The bare root skips the registry (and the parsing of the query).
   if (!path.IsEmpty()) {
-    if (!ParseArgs(obj, client, 15)) return GET_ANSWERED;
+    if (!ParseArgs(obj, client, HTTPS_OBJ_ANY)) return GET_ANSWERED;
     if (obj) {
       if (!CheckAccess(obj, client)) return GET_ANSWERED;
       if (obj->Type & HTTPS_OBJ_ENGINE) {
-        if (head) SendError(client, ErrMsg405, "HEAD", 1);
+        if (head) SendError(client, ErrMsg405, "HEAD", HTTPS_ERRF_BARE);
         else obj->Func(obj, client);
         return GET_ANSWERED;
       }
@@ -341,7 +341,7 @@ CHttpServer::GetOutcome CHttpServer::ServeDirectory(HTTPS_CLIENT* client, __http
   }
   if (obj && (obj->Flags & HTTPS_OBJF_BROWSE)) {
     if (head) {
-      SendError(client, ErrMsg405, "HEAD", 1);
+      SendError(client, ErrMsg405, "HEAD", HTTPS_ERRF_BARE);
       return GET_ANSWERED;
     }
     PrintLog(client->Ip, "BROWSE \"%s\"", client->Arg.c_str());
@@ -355,7 +355,7 @@ CHttpServer::GetOutcome CHttpServer::ServeDirectory(HTTPS_CLIENT* client, __http
   // The directory's engine stands in for a page; it is reached without the
   // password step, like a default document would be before its own check.
   if (__https_obj* dirEngine = ObjGet(HTTPS_OBJ_ENGINE, DirEngineName(t.Path).c_str())) {
-    if (head) SendError(client, ErrMsg405, "HEAD", 1);
+    if (head) SendError(client, ErrMsg405, "HEAD", HTTPS_ERRF_BARE);
     else dirEngine->Func(dirEngine, client);
     return GET_ANSWERED;
   }
@@ -378,7 +378,7 @@ CHttpServer::GetOutcome CHttpServer::ServeFile(HTTPS_CLIENT* client, HttpsTarget
     return GET_ANSWERED;
   }
   CStr ext = t.Local.FileExt();
-  if (SendHeader(client, (int)t.Info.Size, GetMimeType(ext), nullptr, t.Info.MTime, 1) && !head &&
+  if (SendHeader(client, (int)t.Info.Size, GetMimeType(ext), nullptr, t.Info.MTime, HTTPS_HEADERF_CACHEABLE) && !head &&
       !SendOpenFile(client, t.Handle, t.Info.Size, t.Local.c_str()))
     SendError(client, ErrMsg404, nullptr);
   return GET_ANSWERED;

@@ -162,7 +162,7 @@ bool CHttpServer::AdmitFromOrigin(HTTPS_CLIENT* client) {
   if (!client->InOrigin.IsEmpty() && !IsOwnOrigin(client->InOrigin.c_str())) foreign = true;
   if (!client->Referer.IsEmpty() && !IsOwnOrigin(client->Referer.c_str())) foreign = true;
   if (!foreign) return true;
-  SendError(client, ErrMsg403, "request from another origin", 1);
+  SendError(client, ErrMsg403, "request from another origin", HTTPS_ERRF_BARE);
   return false;
 }
 
@@ -170,7 +170,7 @@ bool CHttpServer::AdmitFromOrigin(HTTPS_CLIENT* client) {
 // been sent.
 bool CHttpServer::AdmitRequest(HTTPS_CLIENT* client) {
   if (!IsOwnHost(client->Host)) {
-    SendError(client, ErrMsg403, "foreign Host", 1);
+    SendError(client, ErrMsg403, "foreign Host", HTTPS_ERRF_BARE);
     return false;
   }
   bool inQuery = false;
@@ -218,5 +218,5 @@ void CHttpServer::SendKeyMissing(HTTPS_CLIENT* client) {
 void CHttpServer::SendBareLine(HTTPS_CLIENT* client, const char* status, const char* info) {
   HTTPS_ERRMSG err;
   err.Message = status;
-  SendError(client, err, info, 1);
+  SendError(client, err, info, HTTPS_ERRF_BARE);
 }

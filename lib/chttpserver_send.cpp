@@ -111,7 +111,7 @@ bool CHttpServer::SendHeader(HTTPS_CLIENT* client, int len, const char* type, co
     memcpy(modified, date, sizeof date);
   else
     FormatHttpDate(mtime, modified);
-  bool cacheable = flags & 1;
+  bool cacheable = flags & HTTPS_HEADERF_CACHEABLE;
   FormatHttpDate(cacheable ? now + (long long)CacheExpire : now, expires);
   if (!type || !*type) type = "text/html";
 
@@ -220,7 +220,7 @@ void CHttpServer::SendError(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char*
 void CHttpServer::SendError(HTTPS_CLIENT* client, HTTPS_ERRMSG& err, const char* info, int flags) {
   if (OnError && !OnError(client, &err, info, flags)) {
     // The hook has answered.
-  } else if (!err.Url.IsEmpty() && !(flags & 1)) {
+  } else if (!err.Url.IsEmpty() && !(flags & HTTPS_ERRF_BARE)) {
     SendErrorPage(client, err);
   } else {
     // Just the status line: the client sees the connection close after it.

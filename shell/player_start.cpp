@@ -58,7 +58,7 @@ void CreateServer(bool accessKey) {
     }
     HttpServer->SetAccessKey(key.c_str());
   }
-  HttpServer->EngsAdd("/run.ebd", RunWrapper, 1);
+  HttpServer->EngsAdd("/run.ebd", RunWrapper, HTTPS_OBJF_ENABLED);
   HttpServer->OnCgi = CgiWrapper;
 }
 
@@ -164,7 +164,7 @@ void StartPhpWorkers(const __https_obj* handler) {
 void RegisterPhp() {
   PhpCommand cmd = FindPhpCommand();
   if (cmd.Found) {
-    StartPhpWorkers(HttpServer->Vadd("php", cmd.Interpreter.c_str(), cmd.Args.c_str(), 8, 1));
+    StartPhpWorkers(HttpServer->Vadd("php", cmd.Interpreter.c_str(), cmd.Args.c_str(), HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED));
     return;
   }
   Error("PHP is switched on but no PHP interpreter was found.\n"
@@ -173,8 +173,8 @@ void RegisterPhp() {
   obj->Alias = "php";
   obj->Path = cmd.Interpreter;
   obj->Args = cmd.Args;
-  obj->Type = 8;
-  obj->Flags = 1;
+  obj->Type = HTTPS_OBJ_EXT;
+  obj->Flags = HTTPS_OBJF_ENABLED;
 }
 
 // HOMEDIR, PORT and PHP, in this order, then the index files and types.

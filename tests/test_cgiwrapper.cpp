@@ -68,7 +68,7 @@ class CgiTest : public ::testing::TestWithParam<int> {
   // The helper program as the interpreter of ext: it answers with exactly
   // the bytes a test wants relayed.
   void Fake(const char* ext, const std::string& args) {
-    ASSERT_NE(Srv->Vadd(ext, EnginesHelperPath().c_str(), args.c_str(), 8, 1), nullptr);
+    ASSERT_NE(Srv->Vadd(ext, EnginesHelperPath().c_str(), args.c_str(), HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED), nullptr);
     EnginesWriteFile(Home + "/page." + ext, "");
   }
 };
@@ -207,7 +207,7 @@ TEST_P(CgiTest, TimeOutEndsTheInterpreterAndKeepsWhatItWrote) {
 
 TEST_P(CgiTest, MissingScriptGives404AndStartsNothing) {
   std::string marker = Scratch / "started";
-  ASSERT_NE(Srv->Vadd("mk", EnginesHelperPath().c_str(), ("cwd \"" + marker + "\"").c_str(), 8, 1), nullptr);
+  ASSERT_NE(Srv->Vadd("mk", EnginesHelperPath().c_str(), ("cwd \"" + marker + "\"").c_str(), HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED), nullptr);
   EnginesWriteFile(Home + "/page.mk", "");
   for (const char* target : {"/nothing-here.mk", "/nothing-here.php"})
     EXPECT_EQ(Get(target).StatusLine.substr(0, 12), "HTTP/1.1 404") << target;

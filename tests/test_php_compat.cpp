@@ -48,12 +48,12 @@ class PhpCompat : public ::testing::TestWithParam<int> {
     S.reset(new TestServer(Home.Path()));
     CHttpServer& srv = S->Srv();
     srv.OnCgi = CgiWrapper;
-    __https_obj* handler = srv.Vadd("php", php.Str, args.Str, 8, 1);
+    __https_obj* handler = srv.Vadd("php", php.Str, args.Str, HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED);
     if (GetParam() > 0) {
       ASSERT_TRUE(CgiStartPool(Pool, handler, GetParam())) << Pool.FailureText().c_str();
     }
     srv.DefDocs.Add("index.php");
-    srv.EngsAdd("/act.ebd", RefusingEngine, 1);
+    srv.EngsAdd("/act.ebd", RefusingEngine, HTTPS_OBJF_ENABLED);
     S->Start();
   }
   void TearDown() override {
@@ -289,7 +289,7 @@ class PhpStandIn : public ::testing::Test {
     S.reset(new TestServer(Dir.Path() + "/home"));
     S->Srv().OnCgi = CgiWrapper;
     StandIn(":");
-    Handler = S->Srv().Vadd("php", Script.c_str(), "", 8, 1);
+    Handler = S->Srv().Vadd("php", Script.c_str(), "", HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED);
     ASSERT_NE(Handler, nullptr);
   }
   void TearDown() override {
@@ -356,7 +356,7 @@ TEST(PhpBundled, OwnIniHoldsWhateverTheQuery) {
   EXPECT_TRUE(args.IsEmpty()) << args.c_str();
   TestServer s(dir.Path() + "/home");
   s.Srv().OnCgi = CgiWrapper;
-  s.Srv().Vadd("php", php.Str, args.Str, 8, 1);
+  s.Srv().Vadd("php", php.Str, args.Str, HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED);
   s.Start();
   for (std::string q : {"a=1", "-n", "-s", "-c+/dev/null"})
     EXPECT_EQ(ParseReply(Exchange(s.Port(), "GET /m.php?" + q + " HTTP/1.1\r\nHost: localhost\r\n\r\n")).Body,

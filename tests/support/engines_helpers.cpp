@@ -91,14 +91,14 @@ std::unique_ptr<CHttpServer> EnginesStartServer(const std::string& homeDir, bool
                                                 int workers) {
   std::unique_ptr<CHttpServer> server(new CHttpServer);
   server->SetListeningAddr(0x7F000001);
-  server->EngsAdd("/run.ebd", RunWrapper, 1);
+  server->EngsAdd("/run.ebd", RunWrapper, HTTPS_OBJF_ENABLED);
   server->OnCgi = CgiWrapper;
   server->SetHomeDir(homeDir.c_str());
   server->CacheExpire = 0;
   server->ServerName = "Lumetta Server";
   CStr path, args;
   if (withPhp && FindPhpInterpreter(ProgDir, path, args)) {
-    __https_obj* php = server->Vadd("php", path.Str, args.Str, 8, 1);
+    __https_obj* php = server->Vadd("php", path.Str, args.Str, HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED);
     if (pool && pool->IsRunning()) {
       pool->TimeOutSec = CgiTimeOut;  // no request runs on it now
       CgiUsePool(php, pool);
