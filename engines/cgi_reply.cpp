@@ -92,14 +92,6 @@ void AddOtherHeaders(CStrList& env, HTTPS_CLIENT* c) {
 
 // ---------------------------------------------------------------- reply
 
-bool StartsWithIC(const char* text, size_t len, const char* prefix) {
-  size_t n = strlen(prefix);
-  if (len < n) return false;
-  for (size_t i = 0; i < n; i++)
-    if (tolower((unsigned char)text[i]) != tolower((unsigned char)prefix[i])) return false;
-  return true;
-}
-
 void SendAll(CSocket* sock, const char* buf, size_t len) {
   while (len > 0) {
     int n = sock->Write(buf, (int)(len > (size_t)kChunk * 16 ? (size_t)kChunk * 16 : len));
@@ -129,7 +121,7 @@ void SendStatusAndServerLines(CHttpServer* server, CSocket* sock, const CStr& st
 // or LF are dropped. A Status line without any line end is dropped with
 // everything after it, under a plain 200. Returns where the rest starts.
 size_t ReadLeadingStatus(const std::string& data, CStr& status) {
-  if (!StartsWithIC(data.data(), data.size(), "Status:")) {
+  if (!StrStartsWithIC(data.data(), data.size(), "Status:")) {
     status = "200 OK";
     return 0;
   }
@@ -165,7 +157,7 @@ void TakeStatusFromHead(std::string& data, size_t& headEnd, CStr& status) {
     size_t eol = data.find('\n', pos);
     const char* line = data.data() + pos;
     size_t len = eol - pos;
-    if (StartsWithIC(line, len, "Status:")) {
+    if (StrStartsWithIC(line, len, "Status:")) {
       size_t from = 7;
       while (from < len && (line[from] == ' ' || line[from] == '\t')) from++;
       size_t to = len;
@@ -175,7 +167,7 @@ void TakeStatusFromHead(std::string& data, size_t& headEnd, CStr& status) {
       headEnd -= eol + 1 - pos;
       return;
     }
-    if (StartsWithIC(line, len, "Location:")) location = true;
+    if (StrStartsWithIC(line, len, "Location:")) location = true;
     pos = eol + 1;
   }
   status = location ? "302 Found" : "200 OK";

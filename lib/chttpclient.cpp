@@ -15,7 +15,7 @@ const long long kMaxBlock = 16 << 20;
 [[noreturn]] void Fail(int code) { throw code; }
 
 bool StartsWithIC(const CStr& line, const char* prefix) {
-  return line.CompareIC(prefix, (int)strlen(prefix)) == 0;
+  return StrStartsWithIC(line.c_str(), (size_t)line.Len, prefix);
 }
 
 // Text after a header's name, without surrounding blanks and line end.

@@ -19,12 +19,6 @@ const char kBlanks[] = "\n\r\t ";
 // If-Modified-Since; existing clients were tuned against it.
 const time_t kModifiedSinceCorrection = 1007298047;
 
-bool EqualsIC(const char* a, const char* b) {
-  for (; *a && *b; ++a, ++b)
-    if (tolower((unsigned char)*a) != tolower((unsigned char)*b)) return false;
-  return *a == *b;
-}
-
 // Value text that starts `skip` characters after the header's colon, or ""
 // when the line ends before that point.
 const char* HeaderRest(char* name, char* save, int skip) {
@@ -96,7 +90,7 @@ const char* HttpsHeader(HTTPS_CLIENT* client, const char* name) {
   size_t n = strlen(name);
   for (int i = 0; i < client->InHeaders.Count(); i++) {
     const char* entry = client->InHeaders[i]->c_str();
-    if (strlen(entry) > n && entry[n] == ':' && EqualsIC(CStr(entry, (int)n).c_str(), name))
+    if (strlen(entry) > n && entry[n] == ':' && StrCompareIC(entry, name, (long long)n) == 0)
       return entry + n + 2;
   }
   return nullptr;
@@ -258,7 +252,7 @@ bool CHttpServer::ParseRequestLine(HTTPS_CLIENT* client, char* line) {
   if (!method || !target) return false;
   client->Arg = target;
   for (const MethodName& m : kMethods) {
-    if (EqualsIC(method, m.Name)) {
+    if (StrCompareIC(method, m.Name) == 0) {
       client->Method = m.Method;
       return true;
     }
@@ -290,11 +284,11 @@ void CHttpServer::ParseHeader(HTTPS_CLIENT* client, char* line) {
   char* save = nullptr;
   char* name = StrTok(line, ":", &save);
   if (!name) return;
-  if (EqualsIC(name, "Authorization")) {
+  if (StrCompareIC(name, "Authorization") == 0) {
     char* scheme = StrTok(nullptr, kBlanks, &save);
     // Other schemes (a bearer token for a script) are the application's
     // business: they reach it as HTTP_AUTHORIZATION.
-    if (!scheme || !EqualsIC(scheme, "Basic")) return;
+    if (!scheme || StrCompareIC(scheme, "Basic") != 0) return;
     char* token = StrTok(nullptr, kBlanks, &save);
     int colon = -1;
     CStr credentials;
@@ -310,32 +304,32 @@ void CHttpServer::ParseHeader(HTTPS_CLIENT* client, char* line) {
     }
     client->User = credentials.Left(colon);
     client->Password = credentials.Right(colon + 1);
-  } else if (EqualsIC(name, "Host")) {
+  } else if (StrCompareIC(name, "Host") == 0) {
     char* host = StrTok(nullptr, kBlanks, &save);
     client->Host = host ? host : "";
-  } else if (EqualsIC(name, "Accept")) {
+  } else if (StrCompareIC(name, "Accept") == 0) {
     client->InAccept = HeaderRest(name, save, 1);
-  } else if (EqualsIC(name, "Accept-Language")) {
+  } else if (StrCompareIC(name, "Accept-Language") == 0) {
     client->AcceptLanguage = HeaderRest(name, save, 1);
-  } else if (EqualsIC(name, "Connection")) {
+  } else if (StrCompareIC(name, "Connection") == 0) {
     client->InConnection = HeaderRest(name, save, 2);
     char* token = StrTok(nullptr, "\n\r ,", &save);
-    if (token && EqualsIC(token, "Keep-Alive")) client->Flags |= HTTPS_CLIENTF_KEEPALIVE;
-    if (token && EqualsIC(token, "Close")) client->Flags &= ~HTTPS_CLIENTF_KEEPALIVE;
-  } else if (EqualsIC(name, "Cookie")) {
+    if (token && StrCompareIC(token, "Keep-Alive") == 0) client->Flags |= HTTPS_CLIENTF_KEEPALIVE;
+    if (token && StrCompareIC(token, "Close") == 0) client->Flags &= ~HTTPS_CLIENTF_KEEPALIVE;
+  } else if (StrCompareIC(name, "Cookie") == 0) {
     client->InCookies = HeaderRest(name, save, 2);
-  } else if (EqualsIC(name, "Referer")) {
+  } else if (StrCompareIC(name, "Referer") == 0) {
     client->Referer = HeaderRest(name, save, 2);
-  } else if (EqualsIC(name, "User-Agent")) {
+  } else if (StrCompareIC(name, "User-Agent") == 0) {
     client->InUserAgent = HeaderRest(name, save, 2);
-  } else if (EqualsIC(name, "If-Modified-Since")) {
+  } else if (StrCompareIC(name, "If-Modified-Since") == 0) {
     if (client->Method == HTTPS_MET_GET)
       client->ModifiedTm = ParseModifiedSince(HeaderRest(name, save, 1));
-  } else if (EqualsIC(name, "Origin")) {
+  } else if (StrCompareIC(name, "Origin") == 0) {
     client->InOrigin = HeaderRest(name, save, 2);
-  } else if (EqualsIC(name, "Sec-Fetch-Site")) {
+  } else if (StrCompareIC(name, "Sec-Fetch-Site") == 0) {
     client->InSecFetchSite = HeaderRest(name, save, 2);
-  } else if (EqualsIC(name, "Content-Length")) {
+  } else if (StrCompareIC(name, "Content-Length") == 0) {
     // A second length that disagrees makes the body's end ambiguous.
     int len = 0;
     bool ok = ParseContentLength(HeaderRest(name, save, 1), &len);
@@ -346,7 +340,7 @@ void CHttpServer::ParseHeader(HTTPS_CLIENT* client, char* line) {
     } else {
       client->PostLen = len;
     }
-  } else if (EqualsIC(name, "Content-Type")) {
+  } else if (StrCompareIC(name, "Content-Type") == 0) {
     if (HasRequestBody(client->Method)) ParseContentType(client, save);
   }
 }

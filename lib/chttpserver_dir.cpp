@@ -11,13 +11,6 @@
 
 namespace {
 
-int CompareNoCase(const char* a, const char* b) {
-  for (;; a++, b++) {
-    int ca = tolower((unsigned char)*a), cb = tolower((unsigned char)*b);
-    if (ca != cb || !ca) return ca - cb;
-  }
-}
-
 const PlStatInfo* EntryInfo(const __cstr_list* node) { return (const PlStatInfo*)node->Str.Object; }
 
 void FreeEntries(CStrList* list) {
@@ -106,7 +99,7 @@ int CHttpServer::DirSortFunc(const void* a, const void* b) {
   const __cstr_list* nb = *(const __cstr_list* const*)b;
   bool dirA = EntryInfo(na)->IsDir, dirB = EntryInfo(nb)->IsDir;
   if (dirA != dirB) return dirA ? -1 : 1;
-  return CompareNoCase(na->Str.c_str(), nb->Str.c_str());
+  return StrCompareIC(na->Str.c_str(), nb->Str.c_str());
 }
 
 void CHttpServer::DirList(HTTPS_CLIENT* client, const char* url, const char* dir) {

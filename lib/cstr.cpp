@@ -34,16 +34,6 @@ bool FitsLen(long long n) { return n >= 0 && n < INT_MAX; }
 int UpperByte(char c) { return toupper((unsigned char)c); }
 int LowerByte(char c) { return tolower((unsigned char)c); }
 
-// Case-blind comparison on lower-cased bytes; n < 0 means unlimited.
-int CompareNoCase(const char* a, const char* b, long long n) {
-  for (long long i = 0; n < 0 || i < n; ++i) {
-    int ca = LowerByte(a[i]), cb = LowerByte(b[i]);
-    if (ca != cb) return ca - cb;
-    if (!ca) break;
-  }
-  return 0;
-}
-
 bool IsSep(char c) { return c == '\\' || c == '/'; }
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
@@ -287,7 +277,7 @@ int CStr::Compare(const char* s) const {
 
 int CStr::CompareIC(const char* s) const {
   if (IsEmpty() || !s || !*s) return 1;
-  return CompareNoCase(Str, s, -1);
+  return StrCompareIC(Str, s);
 }
 
 int CStr::Compare(const char* s, int n) const {
@@ -297,7 +287,7 @@ int CStr::Compare(const char* s, int n) const {
 
 int CStr::CompareIC(const char* s, int n) const {
   if (IsEmpty() || !s || !*s) return 1;
-  return n <= 0 ? 0 : CompareNoCase(Str, s, n);
+  return n <= 0 ? 0 : StrCompareIC(Str, s, n);
 }
 
 int CStr::Ncompare(const char* s, int n) const { return Compare(s, n); }
@@ -917,4 +907,20 @@ CCharVect* CStrList::ToCharVect() const {
     v->Vect[k] = copy;
   }
   return v;
+}
+
+// ---- case-blind comparison of plain text ----
+
+int StrCompareIC(const char* a, const char* b, long long n) {
+  for (long long i = 0; n < 0 || i < n; ++i) {
+    int ca = LowerByte(a[i]), cb = LowerByte(b[i]);
+    if (ca != cb) return ca - cb;
+    if (!ca) break;
+  }
+  return 0;
+}
+
+bool StrStartsWithIC(const char* text, size_t len, const char* prefix) {
+  size_t n = strlen(prefix);
+  return len >= n && StrCompareIC(text, prefix, (long long)n) == 0;
 }

@@ -5,6 +5,7 @@
 #define LUMETTA_CSTR_H
 
 #include <cstdarg>
+#include <cstddef>
 
 class CCharVect;
 
@@ -210,5 +211,11 @@ class CStrList {
   void Reset();
   void LinkAtEnd(__cstr_list* node);
 };
+
+// Case-blind byte comparison (each byte lower-cased), at most n bytes when
+// n >= 0. Unlike CStr::CompareIC, an empty text compares like any other.
+int StrCompareIC(const char* a, const char* b, long long n = -1);
+// True when the len bytes at text begin with prefix, case-blind.
+bool StrStartsWithIC(const char* text, size_t len, const char* prefix);
 
 #endif

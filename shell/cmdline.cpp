@@ -5,19 +5,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cstr.h"
+
 namespace {
 
 bool IsSeparator(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
-char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : c; }
-
 }  // namespace
-
-bool SameWordIC(const char* a, const char* b) {
-  for (; *a && *b; a++, b++)
-    if (LowerAscii(*a) != LowerAscii(*b)) return false;
-  return *a == *b;
-}
 
 CmdWordBlock SplitCommandLine(const char* line) {
   CmdWordBlock r = {nullptr, nullptr, 0};
@@ -76,13 +70,13 @@ static bool TakeValue(char* const* words, int count, int* cursor, const char** v
 CmdResult ReadCmdOptions(char* const* words, int count, CmdOptions* out,
                          bool (*fileExists)(const char* path)) {
   for (int i = 0; i < count; i++) {
-    if (SameWordIC(words[i], "/INI")) {
+    if (StrCompareIC(words[i], "/INI") == 0) {
       if (!TakeValue(words, count, &i, &out->Ini)) return CMD_MISSING_ARGUMENT;
       if (!fileExists(out->Ini)) return CMD_INI_NOT_FOUND;
     }
-    if (SameWordIC(words[i], "/START") && !TakeValue(words, count, &i, &out->Start))
+    if (StrCompareIC(words[i], "/START") == 0 && !TakeValue(words, count, &i, &out->Start))
       return CMD_MISSING_ARGUMENT;
-    if (SameWordIC(words[i], "/TITLE") && !TakeValue(words, count, &i, &out->Title))
+    if (StrCompareIC(words[i], "/TITLE") == 0 && !TakeValue(words, count, &i, &out->Title))
       return CMD_MISSING_ARGUMENT;
   }
   return CMD_OK;

@@ -38,7 +38,4 @@ CmdResult ReadCmdOptions(char* const* words, int count, CmdOptions* out,
 // Message text of a failed result ("" for CMD_OK).
 const char* CmdResultText(CmdResult r);
 
-// Case-blind comparison of two whole words.
-bool SameWordIC(const char* a, const char* b);
-
 #endif

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <string>
 
+#include "cstr.h"
+
 namespace {
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
@@ -15,18 +17,6 @@ std::string TrimBlanks(const std::string& s) {
   while (b < e && IsBlank(s[b])) b++;
   while (e > b && IsBlank(s[e - 1])) e--;
   return s.substr(b, e - b);
-}
-
-bool SameNameIC(const std::string& a, const char* b) {
-  size_t n = strlen(b);
-  if (a.size() != n) return false;
-  for (size_t i = 0; i < n; i++) {
-    char x = a[i], y = b[i];
-    if (x >= 'A' && x <= 'Z') x = char(x - 'A' + 'a');
-    if (y >= 'A' && y <= 'Z') y = char(y - 'A' + 'a');
-    if (x != y) return false;
-  }
-  return true;
 }
 
 std::string StripOneQuotePair(const std::string& v) {
@@ -59,13 +49,13 @@ bool FindValue(FILE* f, const char* section, const char* key, std::string* value
       size_t close = t.find(']');
       std::string name = TrimBlanks(t.substr(1, close == std::string::npos ? std::string::npos
                                                                              : close - 1));
-      inSection = SameNameIC(name, section);
+      inSection = StrCompareIC(name.c_str(), section) == 0;
       continue;
     }
     if (!inSection) continue;
     size_t eq = t.find('=');
     if (eq == std::string::npos) continue;
-    if (!SameNameIC(TrimBlanks(t.substr(0, eq)), key)) continue;
+    if (StrCompareIC(TrimBlanks(t.substr(0, eq)).c_str(), key) != 0) continue;
     *value = StripOneQuotePair(TrimBlanks(t.substr(eq + 1)));
     return true;
   }
