@@ -11,7 +11,6 @@
 
 #include "pl_fs.h"
 #include "pl_process.h"
-#include "pl_sendfile.h"
 
 namespace {
 

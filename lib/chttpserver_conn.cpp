@@ -8,7 +8,6 @@
 #include <cstring>
 #include <exception>
 
-#include "pl_sendfile.h"
 
 namespace {
 

@@ -60,6 +60,8 @@ bool PlGetCwd(std::string* out);
 // Directory for temporary files (TMPDIR or /tmp; GetTempPath on Windows),
 // without a final separator (except for a root).
 bool PlTempDir(std::string* out);
+// The file-system root used when no home directory is configured.
+const char* PlRootDir();
 // Makes a new directory below the temporary one, named prefix plus a unique
 // part, that only the current user can enter; its full path goes to out.
 bool PlMakePrivateTempDir(const char* prefix, std::string* out);

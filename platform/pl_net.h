@@ -64,6 +64,13 @@ int PlSockRecvNoWait(PlSocket s, void* buf, int n);
 // acknowledgement of the previous one.
 bool PlSockNoDelay(PlSocket s);
 void PlSockShutdownSend(PlSocket s);
+// Shuts s down for sending and receiving. On a listening socket this makes
+// a blocked accept return at once, which closing alone does not do on Linux.
+void PlSockShutdownBoth(PlSocket s);
+// Holds back partial segments until the socket is closed (or a short
+// platform delay passes), so that a reply written in pieces leaves in as few
+// packets as possible. False where the platform has no such switch.
+bool PlSockCork(PlSocket s);
 // Closes the socket; a listening socket's blocked accept returns first.
 void PlSockClose(PlSocket s);
 // Closes only our own handle: a listening socket handed to a child process

@@ -8,7 +8,6 @@
 #include "cerror.h"
 #include "csocket.h"
 #include "loopback_peer.h"
-#include "pl_sendfile.h"
 #include "pl_thread.h"
 #include "portable.h"
 

@@ -272,3 +272,5 @@ int PlFileRead(PlFile f, void* buf, unsigned n) {
 void PlFileClose(PlFile f) {
   if (f != PL_NO_FILE) close((int)f);
 }
+
+const char* PlRootDir() { return "/"; }

@@ -326,3 +326,12 @@ void PlLastErrorText(char* buf, int size) {
   tmp[0] = 0;
   snprintf(buf, static_cast<size_t>(size), "%s", ErrorText(strerror_r(err, tmp, sizeof tmp), tmp));
 }
+
+void PlSockShutdownBoth(PlSocket s) {
+  if (s != PL_NO_SOCKET) shutdown(Fd(s), SHUT_RDWR);
+}
+
+bool PlSockCork(PlSocket s) {
+  int on = 1;
+  return setsockopt(Fd(s), IPPROTO_TCP, TCP_CORK, &on, sizeof on) == 0;
+}

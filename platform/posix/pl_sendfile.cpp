@@ -1,12 +1,8 @@
-// Server-side socket helpers on Linux: sendfile, shutdown both ways, corking,
-// and the root directory.
+// A file copied to a socket by the kernel (sendfile) on Linux.
 #include "pl_sendfile.h"
 
 #include <errno.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/sendfile.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 long long PlSendFile(PlSocket s, PlFile f, long long len) {
@@ -29,15 +25,3 @@ long long PlSendFile(PlSocket s, PlFile f, long long len) {
   }
   return sent;
 }
-
-void PlSockShutdownBoth(PlSocket s) {
-  if (s != PL_NO_SOCKET) shutdown((int)s, SHUT_RDWR);
-}
-
-bool PlSockCork(PlSocket s) {
-  int on = 1;
-  return setsockopt((int)s, IPPROTO_TCP, TCP_CORK, &on, sizeof on) == 0;
-}
-
-
-const char* PlRootDir() { return "/"; }

@@ -281,3 +281,5 @@ bool PlDirEntryTargetStat(PlDir* dir, PlStatInfo* out) {
   full += dir->Data.cFileName;
   return PlStat(full.c_str(), out);
 }
+
+const char* PlRootDir() { return "C:\\"; }

@@ -11,7 +11,6 @@
 #include <mutex>
 #include <unordered_set>
 
-#include "pl_sendfile.h"
 #include "pl_thread.h"
 
 static SOCKET Sock(PlSocket s) { return static_cast<SOCKET>(s); }
@@ -275,3 +274,6 @@ void PlLastErrorText(char* buf, int size) {
   if (n && text) snprintf(buf, static_cast<size_t>(size), "%s", text);
   if (text) LocalFree(text);
 }
+
+// Windows has no cork; writes go out as the stack sees fit.
+bool PlSockCork(PlSocket) { return false; }

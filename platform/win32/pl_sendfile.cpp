@@ -1,5 +1,4 @@
-// Server-side socket helpers on Windows: a file copied to the socket through
-// a buffer, shutdown both ways, no corking, and the root directory.
+// A file copied to a socket through a buffer on Windows.
 #include "pl_sendfile.h"
 
 #include <winsock2.h>
@@ -22,9 +21,3 @@ long long PlSendFile(PlSocket s, PlFile f, long long len) {
   }
   return sent;
 }
-
-// Windows has no cork; writes go out as the stack sees fit.
-bool PlSockCork(PlSocket) { return false; }
-
-
-const char* PlRootDir() { return "C:\\"; }
