@@ -26,6 +26,21 @@ start_serve() {
   URL=$(text "$out" | head -1)
 }
 
+# serve_php_page NAME SOURCE [KEY=VALUE...]: a one-page PHP site served by
+# lumetta-serve with the key's cookie in hand; URL is its bare address.
+serve_php_page() {
+  local name=$1 source=$2; shift 2
+  (( ON_WINE )) && skip "no PHP interpreter for Windows on this machine"
+  command -v php-cgi >/dev/null || skip "php-cgi missing"
+  PORT=$(free_port)
+  mkdir -p "$WORK/site"
+  echo "$source" > "$WORK/site/$name"
+  write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "PHP=1" "$@"
+  start_serve "$WORK/out" /INI "$WORK/a.ini"
+  open_key
+  URL="http://localhost:$PORT"
+}
+
 stop_serve() {  # signal
   kill -"$1" "$SERVE_PID"
   wait "$SERVE_PID"; local rc=$?
@@ -96,15 +111,7 @@ port-search)
 key-php)
   # The key's cookie never reaches PHP; foreign names and origins are refused
   # before PHP or the run wrapper is reached.
-  (( ON_WINE )) && skip "no PHP interpreter for Windows on this machine"
-  command -v php-cgi >/dev/null || skip "php-cgi missing"
-  PORT=$(free_port)
-  mkdir -p "$WORK/site"
-  echo '<?php echo "[", $_SERVER["HTTP_COOKIE"] ?? "", "]";' > "$WORK/site/cookies.php"
-  write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "PHP=1"
-  start_serve "$WORK/out" /INI "$WORK/a.ini"
-  open_key
-  URL="http://localhost:$PORT"
+  serve_php_page cookies.php '<?php echo "[", $_SERVER["HTTP_COOKIE"] ?? "", "]";'
   seen=$(curl -fsS "${KEY[@]}" -b "app=1; theme=dark" "$URL/cookies.php")
   [[ $seen == "[app=1; theme=dark]" || $seen == "[theme=dark; app=1]" ]] || fail "PHP saw '$seen'"
   seen=$(curl -fsS "${KEY[@]}" "$URL/cookies.php")
@@ -124,15 +131,7 @@ key-php)
 workers-off)
   # PHP_WORKERS=0: no interpreter waits between requests; each page still
   # runs, the query's look-alike options included.
-  (( ON_WINE )) && skip "no PHP interpreter for Windows on this machine"
-  command -v php-cgi >/dev/null || skip "php-cgi missing"
-  PORT=$(free_port)
-  mkdir -p "$WORK/site"
-  echo '<?php echo "ran:", $_SERVER["QUERY_STRING"];' > "$WORK/site/q.php"
-  write_ini "$WORK/a.ini" "HOMEDIR=$WORK/site" "PORT=$PORT" "PHP=1" "PHP_WORKERS=0"
-  start_serve "$WORK/out" /INI "$WORK/a.ini"
-  open_key
-  URL="http://localhost:$PORT"
+  serve_php_page q.php '<?php echo "ran:", $_SERVER["QUERY_STRING"];' "PHP_WORKERS=0"
   for q in x=1 -s -n; do
     seen=$(curl -fsS "${KEY[@]}" "$URL/q.php?$q")
     [[ $seen == "ran:$q" ]] || fail "q.php?$q gave '$seen'"
