@@ -4,6 +4,7 @@
 // and requests that change something must come from our own pages.
 #include "chttpserver.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "pl_random.h"
@@ -126,13 +127,13 @@ bool CHttpServer::IsOwnHost(const CStr& host) const {
   const int defaultPort = SslEnabled ? 443 : 80;
   for (const char* name : kNames) {
     const int n = (int)strlen(name);
-    if (host.Len < n || CStr(host.c_str(), n).CompareIC(name) != 0) continue;
+    if (host.Len < n || StrCompareIC(host.c_str(), name, n) != 0) continue;
     const char* rest = host.c_str() + n;
     if (!*rest) return Port == defaultPort;
     if (*rest != ':') continue;
-    CStr port;
-    port.SetInt(Port);
-    return strcmp(rest + 1, port.c_str()) == 0;
+    char port[16];
+    snprintf(port, sizeof port, "%d", Port);
+    return strcmp(rest + 1, port) == 0;
   }
   return false;
 }

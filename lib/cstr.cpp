@@ -31,8 +31,11 @@ char* NewBlock(long long n) {
 // A length that a CStr can hold (plus its terminator).
 bool FitsLen(long long n) { return n >= 0 && n < INT_MAX; }
 
-int UpperByte(char c) { return toupper((unsigned char)c); }
-int LowerByte(char c) { return tolower((unsigned char)c); }
+// ASCII only, whatever locale the window's toolkit has set: the bytes
+// compared are protocol names and file extensions, and a byte of a UTF-8
+// sequence must never change.
+int UpperByte(char c) { return c >= 'a' && c <= 'z' ? c - ('a' - 'A') : (unsigned char)c; }
+int LowerByte(char c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : (unsigned char)c; }
 
 bool IsSep(char c) { return c == '\\' || c == '/'; }
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
