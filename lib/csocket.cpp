@@ -194,7 +194,31 @@ char* CSocket::GetUntil(char* buf, unsigned int size, char delim, bool dropDelim
   if (Eof || !buf || size == 0) return nullptr;
   unsigned i = 0;
   while (i < size - 1) {
-    int ch = Getc();
+    if (!Eof && InBufPtr < InBufLen && InBufLen <= InBufSize) {
+      // What has arrived is copied in one piece, up to the delimiter.
+      const char* from = InBuf + InBufPtr;
+      unsigned avail = InBufLen - InBufPtr;
+      if (avail > size - 1 - i) avail = size - 1 - i;
+      const char* hit = static_cast<const char*>(memchr(from, delim, avail));
+      unsigned take = hit ? static_cast<unsigned>(hit - from) + 1 : avail;
+      // Byte 0xFF ends the line as the end of input does (Getc's -1).
+      if (const char* ff = static_cast<const char*>(memchr(from, 0xFF, take))) {
+        unsigned k = static_cast<unsigned>(ff - from);
+        memcpy(buf + i, from, k);
+        i += k;
+        InBufPtr += k + 1;
+        break;
+      }
+      memcpy(buf + i, from, take);
+      InBufPtr += take;
+      i += take;
+      if (hit) {
+        if (dropDelim) --i;
+        break;
+      }
+      continue;
+    }
+    int ch = Getc();  // receives more
     if (ch == -1) break;
     buf[i] = static_cast<char>(ch);
     if (static_cast<char>(ch) == delim) {
