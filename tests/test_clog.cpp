@@ -12,7 +12,9 @@
 
 #include "clog.h"
 #include "pl_net.h"
-#include "server_support.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace fs = std::filesystem;
 
@@ -40,7 +42,7 @@ bool LockFreeForOtherThreads(PlMutex* m) {
 // cannot be removed on Windows).
 class LogTest : public ::testing::Test {
  protected:
-  srvtest::ScratchDir Scratch;
+  testsup::TempDir Scratch;
   fs::path Dir = Scratch.Path();
   CLog Log;
 

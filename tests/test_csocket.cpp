@@ -7,9 +7,10 @@
 
 #include "cerror.h"
 #include "csocket.h"
-#include "loopback_peer.h"
 #include "pl_thread.h"
-#include "portable.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace {
 
