@@ -1,4 +1,7 @@
 // ctest-labels: threads
+// The CGI gateway with the real php-cgi, per request and through the worker
+// pool: forms and uploads, the script's environment, status lines, time-outs,
+// scripts outside the home directory, and interpreters that die or never start.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,4 +1,6 @@
 // ctest-labels: threads
+// The HTTP client against scripted peers and our own server: body framings,
+// transport failures, progress reports, redirects and credentials.
 #include <gtest/gtest.h>
 
 #include <memory>

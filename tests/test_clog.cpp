@@ -1,4 +1,6 @@
 // ctest-labels: threads
+// The log: file names and stamps in UTC, levels, rotation when the date turns,
+// and whole lines from many threads.
 #include <gtest/gtest.h>
 
 #include <cstdio>

@@ -1,4 +1,7 @@
 // ctest-labels: threads
+// Child processes behind a pipe stream, driven by the helper program: exit
+// codes, signals and time-outs, line ends, the environment, error output and
+// quoting, and nothing left behind.
 #include <gtest/gtest.h>
 
 #include <cerrno>

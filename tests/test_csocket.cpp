@@ -1,4 +1,6 @@
 // ctest-labels: threads
+// The buffered socket over real loopback connections: reading bytes and lines,
+// time-outs, writes to a vanished peer, and waking a wait from another thread.
 #include <gtest/gtest.h>
 
 #include <chrono>

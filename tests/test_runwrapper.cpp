@@ -1,4 +1,6 @@
 // ctest-labels: threads
+// The run wrapper on "/run.ebd" through a real server: what the opener is
+// asked, the requests it refuses, and programs started in their directory.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,4 +1,6 @@
 // ctest-labels: threads
+// The server over TLS: start-up failures for a missing library or a bad
+// certificate, a real client, and slow clients that must not stall others.
 #include <gtest/gtest.h>
 
 #include <atomic>
