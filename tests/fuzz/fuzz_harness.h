@@ -32,7 +32,7 @@ inline CHttpServer& FuzzServer() {
 }
 
 inline void ServeOne(const std::string& request) {
-  LoopbackPair pair;
+  testsup::LoopbackPair pair;
   if (!pair.Send(request)) return;
   pair.CloseFar();  // the reply goes nowhere; the request ends where the data does
   HTTPS_CLIENT* client = new HTTPS_CLIENT();
