@@ -1,3 +1,6 @@
+// Sending a gateway request to a warm worker of the PHP pool: which pool serves
+// which handler, starting one for a handler, and the single log line when a
+// request falls back to a php-cgi of its own.
 #include "cgi_pool.h"
 
 #include <atomic>

@@ -1,3 +1,6 @@
+// Building a script's CGI environment from the request, and turning the
+// interpreter's output (its header block, status and body) into the reply
+// the client gets.
 #include "cgi_reply.h"
 
 #include <cctype>

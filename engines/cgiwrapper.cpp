@@ -1,3 +1,5 @@
+// The gateway's entry point: the command line for a script's interpreter, the
+// run over a pipe or a pooled worker, and where the player looks for php-cgi.
 #include "cgiwrapper.h"
 
 #include <cctype>

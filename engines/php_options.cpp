@@ -1,3 +1,5 @@
+// Writing the player's php-cgi settings into a generated ini directory once
+// per interpreter, and naming that directory in a script's environment.
 #include "php_options.h"
 
 #include <cstdio>

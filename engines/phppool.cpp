@@ -1,3 +1,6 @@
+// The PHP worker pool at work: starting, probing and replacing workers from a
+// supervising thread, lending one to a request over FastCGI, and ending the
+// worker of a script that overruns.
 #include "phppool.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// Encoding the FastCGI records of a request (begin, parameters, input) and
+// decoding record headers, name-value pairs and the end-of-request record.
 #include "cfastcgi.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// The shared part of run-time library loading: a "|"-separated list of names
+// tried in turn, each through the platform's own loader.
 #include "pl_dl.h"
 
 #include <string>

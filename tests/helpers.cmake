@@ -20,9 +20,6 @@ if(TARGET lumetta_testsupport)
   target_compile_definitions(lumetta_testsupport PRIVATE
     LUMETTA_HELPER_DIR="${CMAKE_BINARY_DIR}/tests/helpers")
 endif()
-if(TARGET lumetta_testsupport AND TARGET lumetta_engines)
-  target_link_libraries(lumetta_testsupport PUBLIC lumetta_engines)
-endif()
 
 # Holds a PHP worker pool until it is killed (the pool's no-orphans test).
 if(TARGET lumetta_engines)

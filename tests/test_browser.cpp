@@ -6,16 +6,13 @@
 // address lumetta-serve prints, so it gets in through the access key.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
 #include <random>
 #include <string>
 
 #include "pl_fs.h"
-#include "portable.h"
-#include "server_support.h"
+#include "test_support.h"
 
-using namespace srvtest;
+using namespace testsup;
 
 namespace {
 
@@ -26,7 +23,7 @@ TEST(BrowserTest, StaticApplicationLoadsCompletelyThroughTheKey) {
   if (!PlIsFile(kChromium)) GTEST_SKIP() << "chromium is not installed";
   const std::string serve = std::string(LUMETTA_BINARY_DIR) + "/shell/lumetta-serve";
   if (!PlIsFile(serve.c_str())) GTEST_SKIP() << "lumetta-serve is not built";
-  ScratchDir work;
+  TempDir work;
   std::random_device rd;
   work.Write("app.ini", "[Lumetta]\nHOMEDIR=" + std::string(LUMETTA_SOURCE_DIR) +
                             "/tests/data/static_app\nPORT=" + std::to_string(20000 + rd() % 30000) + "\n");
@@ -43,14 +40,9 @@ TEST(BrowserTest, StaticApplicationLoadsCompletelyThroughTheKey) {
   work.Write("run.sh", script);
   std::string command = "sh '" + work.Join("run.sh") + "'";
   std::string dom;
-  if (FILE* pipe = popen(command.c_str(), "r")) {
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;) dom.append(buf, n);
-    pclose(pipe);
-  }
-  std::ifstream out(work.Join("out"));
-  std::string url;
-  std::getline(out, url);
+  RunCommand(command, &dom);
+  std::string url = work.Read("out");
+  url = url.substr(0, url.find('\n'));
   EXPECT_NE(url.find("/?lumetta_key="), std::string::npos) << url;
   EXPECT_NE(dom.find("RESULT css=ok js=ok json=ok png=ok sub=ok svg=ok"), std::string::npos) << dom;
 }

@@ -3,8 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "cdatabase.h"
-#include "extras_support.h"
-#include "portable.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace {
 
@@ -19,12 +20,12 @@ int CollectRow(void* arg, int columns, char** values, char** names) {
 
 class CDatabaseTest : public ::testing::Test {
  protected:
-  ExtrasTempDir Dir;
+  TempDir Dir;
   CDatabase Db;
 
   void SetUp() override {
     if (!TestLibraryPresent(PL_LIB_SQLITE)) GTEST_SKIP() << "SQLite library " << PL_LIB_SQLITE << " not found";
-    Db.Open(Dir.File("test.db").c_str());
+    Db.Open(Dir.Join("test.db").c_str());
     ASSERT_TRUE(Db.Exec("CREATE TABLE people (id INTEGER PRIMARY KEY, name TEXT, note TEXT, pic BLOB);"));
     Db.SetPriKeyName("id");
   }

@@ -1,4 +1,7 @@
 // ctest-labels: threads
+// The CGI gateway with the real php-cgi, per request and through the worker
+// pool: forms and uploads, the script's environment, status lines, time-outs,
+// scripts outside the home directory, and interpreters that die or never start.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,12 +14,12 @@
 
 #include "cgi_pool.h"
 #include "cgiwrapper.h"
-#include "engines_helpers.h"
 #include "phppool.h"
 #include "pl_thread.h"
-#include "server_support.h"
-#include "portable.h"
 #include "progdir.h"
+#include "test_servers.h"
+
+using namespace testsup;
 
 namespace fs = std::filesystem;
 
@@ -33,10 +36,10 @@ const size_t npos = std::string::npos;
 // workers.
 class CgiTest : public ::testing::TestWithParam<int> {
  protected:
-  EnginesTempDir Scratch;
-  std::string Home = Scratch / "home";
+  TempDir Scratch;
+  std::string Home = Scratch.Join("home");
   PhpPool Pool;  // outlives the server
-  std::unique_ptr<CHttpServer> Srv;
+  std::unique_ptr<TestServer> Srv;
 
   void SetUp() override {
     fs::copy(LUMETTA_SOURCE_DIR "/tests/data/php", Home);
@@ -51,14 +54,21 @@ class CgiTest : public ::testing::TestWithParam<int> {
   // The generated settings directory the interpreter is given.
   static std::string ScanDir() {
     CStrList env;
-    EnginesPhpOptions(env);
+    AddPhpOptions(env);
     std::string var = env.Count() ? env[0]->c_str() : "";
     return var.substr(var.find(':') + 1);
   }
   bool Pooled() const { return GetParam() > 0; }
-  std::unique_ptr<CHttpServer> Start() { return EnginesStartServer(Home, true, Pooled() ? &Pool : nullptr, GetParam()); }
-  EnginesReply Get(const std::string& target, const std::string& heads = "") {
-    return EnginesGet(Srv->GetPort(), target, heads);
+  std::unique_ptr<TestServer> Start() {
+    ServerSetup setup;
+    setup.AsPlayer = setup.Php = true;
+    setup.Pool = Pooled() ? &Pool : nullptr;
+    setup.Workers = GetParam();
+    auto server = std::make_unique<TestServer>(Home, setup);
+    return server->Start() ? std::move(server) : nullptr;
+  }
+  Reply Get(const std::string& target, const std::string& heads = "") {
+    return testsup::Get(Srv->Port(), target, heads);
   }
   // Without a PHP interpreter (Windows here) the PHP pages cannot run.
   static bool HavePhp() {
@@ -68,8 +78,8 @@ class CgiTest : public ::testing::TestWithParam<int> {
   // The helper program as the interpreter of ext: it answers with exactly
   // the bytes a test wants relayed.
   void Fake(const char* ext, const std::string& args) {
-    ASSERT_NE(Srv->Vadd(ext, EnginesHelperPath().c_str(), args.c_str(), HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED), nullptr);
-    EnginesWriteFile(Home + "/page." + ext, "");
+    ASSERT_NE(Srv->Srv().Vadd(ext, PipeHelperPath().c_str(), args.c_str(), HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED), nullptr);
+    WriteFile(Home + "/page." + ext, "");
   }
 };
 
@@ -80,10 +90,10 @@ INSTANTIATE_TEST_SUITE_P(Workers, CgiTest, ::testing::Values(0, 2),
 
 TEST_P(CgiTest, GetAndPostForms) {
   SKIP_WITHOUT_PHP();
-  EnginesReply r = Get("/hello.php?name=Ann+%26+Bo");
+  Reply r = Get("/hello.php?name=Ann+%26+Bo");
   EXPECT_EQ(r.StatusLine, "HTTP/1.1 200 OK");
   EXPECT_EQ(r.Body, "Hello Ann &amp; Bo\n");
-  r = EnginesPost(Srv->GetPort(), "/form.php", "application/x-www-form-urlencoded", "a=1+2&b=%C3%A9");
+  r = Post(Srv->Port(), "/form.php", "application/x-www-form-urlencoded", "a=1+2&b=%C3%A9");
   EXPECT_EQ(r.Body, "method=POST;a=1 2;b=\xC3\xA9");
 }
 
@@ -97,14 +107,14 @@ TEST_P(CgiTest, MultipartUploadArrivesByteExact) {
                      "\r\n--" + b + "--\r\n";
   if (!HavePhp()) {  // the helper shows the body exactly as the interpreter reads it
     Fake("up", "cgi-echo");
-    EnginesReply r = EnginesPost(Srv->GetPort(), "/page.up", "multipart/form-data; boundary=" + b, body);
+    Reply r = Post(Srv->Port(), "/page.up", "multipart/form-data; boundary=" + b, body);
     size_t end = r.Body.find("\n\n");
     ASSERT_NE(end, npos) << r.Raw.substr(0, 300);
     EXPECT_NE(("\n" + r.Body).find("\nCONTENT_TYPE=multipart/form-data; boundary="), npos);
     EXPECT_TRUE(r.Body.substr(end + 2) == body);
     return;
   }
-  EnginesReply r = EnginesPost(Srv->GetPort(), "/upload.php", "multipart/form-data; boundary=" + b, body);
+  Reply r = Post(Srv->Port(), "/upload.php", "multipart/form-data; boundary=" + b, body);
   EXPECT_TRUE(r.Body == "d.bin\n" + std::to_string(data.size()) + "\nhi there\n" + data) << r.Raw.substr(0, 300);
 }
 
@@ -115,12 +125,12 @@ TEST_P(CgiTest, EnvironmentFollowsTheTableInOrder) {
   SKIP_WITHOUT_PHP();
   TestSetEnv("TMP", "/tmp/lumetta-tmp");
   TestSetEnv("TEMP", nullptr);
-  EnginesReply r = Get("/server_vars.php?q=1",
+  Reply r = Get("/server_vars.php?q=1",
                        "Accept: text/x-test\r\nCookie: c=1\r\nUser-Agent: UA/1\r\nReferer: http://r/\r\n"
                        "Proxy: http://evil:1/\r\nRedirect-Status: 200\r\nX-Other: 1\r\nX_Under: no\r\n"
                        "If-None-Match: \"e1\"\r\nx-other:  2 \r\n");
   TestSetEnv("TMP", nullptr);
-  std::string port = std::to_string(Srv->GetPort());
+  std::string port = std::to_string(Srv->Port());
   size_t rp = r.Body.find("REMOTE_PORT=");
   ASSERT_NE(rp, npos);
   std::string remotePort = r.Body.substr(rp + 12, r.Body.find('\n', rp) - rp - 12);
@@ -142,7 +152,7 @@ TEST_P(CgiTest, EnvironmentFollowsTheTableInOrder) {
 
 TEST_P(CgiTest, StatusLineFromTheInterpreter) {
   Fake("low", "print \"status:302 Found\\r\\nLocation: /x\\r\\n\\r\\n\"");
-  EnginesReply r = Get("/page.low");
+  Reply r = Get("/page.low");
   EXPECT_EQ(r.StatusLine, "HTTP/1.1 02 Found");  // one character after the colon always goes
   EXPECT_TRUE(r.Has("\r\nLocation: /x\r\n"));
   if (!HavePhp()) return;
@@ -183,7 +193,7 @@ TEST_P(CgiTest, StatusFromAnywhereInTheHeaderBlock) {
 
 TEST_P(CgiTest, SessionAndCookieAcrossRequests) {
   SKIP_WITHOUT_PHP();
-  EnginesReply first = Get("/session.php");
+  Reply first = Get("/session.php");
   EXPECT_EQ(first.Body, "n=1;cookie=");
   std::string cookies;
   for (size_t at = 0; (at = first.Raw.find("\r\nSet-Cookie: ", at)) != npos; at += 14)
@@ -199,16 +209,16 @@ TEST_P(CgiTest, TimeOutEndsTheInterpreterAndKeepsWhatItWrote) {
   // Without PHP the helper writes the same page and then sleeps as long.
   if (!HavePhp()) Fake("slow", "slow");
   uint64_t start = PlMonotonicMs();
-  EnginesReply r = Get(HavePhp() ? "/slow.php" : "/page.slow");
+  Reply r = Get(HavePhp() ? "/slow.php" : "/page.slow");
   EXPECT_LT(PlMonotonicMs() - start, 10000u);
   EXPECT_EQ(r.StatusLine, "HTTP/1.1 200 OK");
   EXPECT_EQ(r.Body, "partial\n");
 }
 
 TEST_P(CgiTest, MissingScriptGives404AndStartsNothing) {
-  std::string marker = Scratch / "started";
-  ASSERT_NE(Srv->Vadd("mk", EnginesHelperPath().c_str(), ("cwd \"" + marker + "\"").c_str(), HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED), nullptr);
-  EnginesWriteFile(Home + "/page.mk", "");
+  std::string marker = Scratch.Join("started");
+  ASSERT_NE(Srv->Srv().Vadd("mk", PipeHelperPath().c_str(), ("cwd \"" + marker + "\"").c_str(), HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED), nullptr);
+  WriteFile(Home + "/page.mk", "");
   for (const char* target : {"/nothing-here.mk", "/nothing-here.php"})
     EXPECT_EQ(Get(target).StatusLine.substr(0, 12), "HTTP/1.1 404") << target;
   EXPECT_FALSE(fs::exists(marker));
@@ -243,7 +253,7 @@ TEST_P(CgiTest, QueryWithoutEqualsNeverBecomesOptions) {
     EXPECT_TRUE(std::count(fake.begin(), fake.end(), '[') == 1 && fake.find("[-x]\n") != npos) << fake;
     // php-cgi may refuse the page but must never show its source or turn options on.
     if (!HavePhp()) continue;
-    EnginesReply php = Get(std::string("/source.php") + q);
+    Reply php = Get(std::string("/source.php") + q);
     EXPECT_FALSE(php.Has("SECRET-SOURCE-MARKER") || php.Has("include-on")) << php.Raw;
   }
   if (!HavePhp()) return;
@@ -253,20 +263,20 @@ TEST_P(CgiTest, QueryWithoutEqualsNeverBecomesOptions) {
 }
 
 TEST_P(CgiTest, ScriptsOutsideTheHomeDirectoryNeverRun) {
-  fs::create_directories(Scratch / "elsewhere");
+  fs::create_directories(Scratch.Join("elsewhere"));
   fs::create_directories(Home + "/sub");
-  EnginesWriteFile(Scratch / "outside.php", "<?php echo 'OUTSIDE-RAN';");
-  EnginesWriteFile(Scratch / "elsewhere/x.php", "<?php echo 'OUTSIDE-RAN';");
+  WriteFile(Scratch.Join("outside.php"), "<?php echo 'OUTSIDE-RAN';");
+  WriteFile(Scratch.Join("elsewhere/x.php"), "<?php echo 'OUTSIDE-RAN';");
   if (!TestOnWindows()) {  // creating links there needs a privilege tests do not have
-    fs::create_symlink(Scratch / "outside.php", Home + "/link.php");
-    fs::create_directory_symlink(Scratch / "elsewhere", Home + "/linkdir");
+    fs::create_symlink(Scratch.Join("outside.php"), Home + "/link.php");
+    fs::create_directory_symlink(Scratch.Join("elsewhere"), Home + "/linkdir");
   }
   for (const char* target : {"/../outside.php", "/%2e%2e/outside.php", "/%2E%2E%2Foutside.php", "/./../outside.php",
                              "/sub/../../outside.php", "/sub/%2e%2e/%2e%2e/outside.php", "/..%2foutside.php",
                              "/link.php", "/linkdir/x.php"}) {
     SCOPED_TRACE(target);
     EXPECT_FALSE(Get(target).Has("OUTSIDE-RAN"));
-    EXPECT_FALSE(EnginesPost(Srv->GetPort(), target, "application/x-www-form-urlencoded", "a=1").Has("OUTSIDE-RAN"));
+    EXPECT_FALSE(Post(Srv->Port(), target, "application/x-www-form-urlencoded", "a=1").Has("OUTSIDE-RAN"));
   }
   if (!HavePhp()) return;
   EXPECT_EQ(Get("/sub/../hello.php").Body, "Hello nobody\n");  // staying inside is fine
@@ -275,14 +285,14 @@ TEST_P(CgiTest, ScriptsOutsideTheHomeDirectoryNeverRun) {
 // An interpreter that can't be started leaves the client without a reply;
 // the log says why, once.
 TEST(CgiFailure, InterpreterThatCannotStartIsLogged) {
-  srvtest::ScratchDir home;
+  testsup::TempDir home;
   home.Write("page.x", "");
   std::string notAProgram = home.Write("not-a-program", "plain text");
-  srvtest::TestServer server(home.Path());
+  testsup::TestServer server(home.Path());
   server.Srv().OnCgi = CgiWrapper;
   ASSERT_NE(server.Srv().Vadd("x", notAProgram.c_str(), "", HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED), nullptr);
   server.Start();
-  EXPECT_EQ(srvtest::Exchange(server.Port(), "GET /page.x HTTP/1.1\r\n\r\n"), "");
+  EXPECT_EQ(testsup::Exchange(server.Port(), "GET /page.x HTTP/1.1\r\n\r\n"), "");
   ASSERT_TRUE(server.WaitLog("Request \"/page.x\" ended by error"));
   std::string log = server.LogText();
   EXPECT_EQ(log.find("ended by error", log.find("ended by error") + 1), std::string::npos) << log;
@@ -292,12 +302,12 @@ TEST(CgiFailure, InterpreterThatCannotStartIsLogged) {
 // gets what was written, and the next request is served as usual.
 TEST_P(CgiTest, ScriptsThatExitOrKillTheirInterpreter) {
   SKIP_WITHOUT_PHP();
-  EnginesWriteFile(Home + "/exit.php", "<?php echo 'before'; exit(3); echo 'after';");
-  EnginesWriteFile(Home + "/crash.php",
+  WriteFile(Home + "/exit.php", "<?php echo 'before'; exit(3); echo 'after';");
+  WriteFile(Home + "/crash.php",
                    "<?php while (ob_get_level()) ob_end_flush(); echo 'dying'; flush(); posix_kill(getmypid(), 9);");
   for (int round = 0; round < 3; round++) {
     EXPECT_EQ(Get("/exit.php").Body, "before");
-    EnginesReply crashed = Get("/crash.php");
+    Reply crashed = Get("/crash.php");
     EXPECT_EQ(crashed.StatusLine, "HTTP/1.1 200 OK");
     EXPECT_EQ(crashed.Body, "dying");
     EXPECT_EQ(Get("/hello.php?name=x").Body, "Hello x\n");
@@ -308,7 +318,7 @@ TEST_P(CgiTest, ScriptsThatExitOrKillTheirInterpreter) {
 TEST_P(CgiTest, FiftyConcurrentRequestsOnTwoWorkers) {
   if (!Pooled()) GTEST_SKIP() << "workers only";
   SKIP_WITHOUT_PHP();
-  EnginesWriteFile(Home + "/pid.php", "<?php echo $_GET['id'], ':', getmypid();");
+  WriteFile(Home + "/pid.php", "<?php echo $_GET['id'], ':', getmypid();");
   Pool.WaitForWorkerMs = 60000;  // every one waits its turn, however slow the build
   std::vector<std::thread> threads;
   std::vector<std::string> bodies(50);
@@ -334,16 +344,16 @@ TEST_P(CgiTest, NoInterpreterLeftOnceTheServerStops) {
   Srv.reset();
   CgiUsePool(nullptr, nullptr);
   Pool.Stop();
-  for (long long pid : pids) EXPECT_FALSE(EnginesProcessAlive(pid)) << pid;
+  for (long long pid : pids) EXPECT_FALSE(ProcessAlive(pid)) << pid;
 }
 
 // Redirects as PHP makes them: a Location alone, or with a status of its own.
 TEST_P(CgiTest, RedirectsFromScripts) {
   SKIP_WITHOUT_PHP();
-  EnginesWriteFile(Home + "/go.php",
+  WriteFile(Home + "/go.php",
                    "<?php if (isset($_GET['perm'])) header('Location: /moved', true, 301);"
                    " else header('Location: /next?a=1'); echo 'away';");
-  EnginesReply r = Get("/go.php");
+  Reply r = Get("/go.php");
   EXPECT_EQ(r.StatusLine, "HTTP/1.1 302 Found");
   EXPECT_TRUE(r.Has("\r\nLocation: /next?a=1\r\n")) << r.Raw;
   r = Get("/go.php?perm=1");
@@ -356,17 +366,17 @@ TEST_P(CgiTest, RedirectsFromScripts) {
 // its environment and the body it read, so both arrive as the child saw them.
 TEST_P(CgiTest, InterpreterGetsTheRequestEnvironmentAndTheExactBody) {
   Fake("echo", "cgi-echo");
-  Srv->SetMaxPostLen(1 << 20);
+  Srv->Srv().SetMaxPostLen(1 << 20);
   std::string body;
   for (int i = 0; i < 70000; i++) body += (char)(i * 13 + i / 251);
-  EnginesReply r = EnginesPost(Srv->GetPort(), "/page.echo?q=1", "application/octet-stream", body);
+  Reply r = Post(Srv->Port(), "/page.echo?q=1", "application/octet-stream", body);
   EXPECT_EQ(r.StatusLine, "HTTP/1.1 200 OK");
   size_t end = r.Body.find("\n\n");
   ASSERT_NE(end, npos) << r.Raw.substr(0, 300);
   std::string env = "\n" + r.Body.substr(0, end + 1);
   for (std::string var : std::vector<std::string>{"CONTENT_LENGTH=70000", "CONTENT_TYPE=application/octet-stream", "QUERY_STRING=q=1",
                           "GATEWAY_INTERFACE=CGI/1.1", "REQUEST_METHOD=POST", "REQUEST_URI=/page.echo?q=1",
-                          "SCRIPT_NAME=/page.echo", "SERVER_PORT=" + std::to_string(Srv->GetPort())})
+                          "SCRIPT_NAME=/page.echo", "SERVER_PORT=" + std::to_string(Srv->Port())})
     EXPECT_NE(env.find("\n" + var + "\n"), npos) << var;
   EXPECT_TRUE(r.Body.substr(end + 2) == body);
 }

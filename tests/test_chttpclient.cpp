@@ -1,11 +1,15 @@
 // ctest-labels: threads
+// The HTTP client against scripted peers and our own server: body framings,
+// transport failures, progress reports, redirects and credentials.
 #include <gtest/gtest.h>
 
 #include <memory>
 
 #include "chttpclient.h"
 #include "chttpserver.h"
-#include "extras_support.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace {
 
@@ -35,7 +39,7 @@ bool Record(void* arg, int done, int total) {
 }  // namespace
 
 TEST(CHttpClient, BodyFramingsAndTheRequestSent) {
-  ExtrasRawPeer peer({kOkHead + "Content-Length: 5\r\n\r\nhelloEXTRA",
+  ScriptedPeer peer({kOkHead + "Content-Length: 5\r\n\r\nhelloEXTRA",
                       kOkHead + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n\x01" "7;ext=1\r\n, world\r\n\x01"
                                 "0\r\nX-Trailer: y\r\n\r\n",
                       kOkHead + "Content-Type: text/plain\r\n\r\nuntil\x01 the end"});
@@ -50,7 +54,7 @@ TEST(CHttpClient, BodyFramingsAndTheRequestSent) {
 }
 
 TEST(CHttpClient, StatusAndTransportFailures) {
-  ExtrasRawPeer peer({"HTTP/1.1 404 Not Found\r\nContent-Length: 3\r\n\r\nno!",
+  ScriptedPeer peer({"HTTP/1.1 404 Not Found\r\nContent-Length: 3\r\n\r\nno!",
                       "HTTP/1.1 301 Moved Permanently\r\nLocation: /x\r\n\r\n", "SSH-2.0-OpenLike\r\n",
                       "HTTP/1.1 302 Found\r\n\r\n", "", kOkHead + "Content-Length: 100\r\n\r\nonly\x01 a part"});
   CHttpClient c;
@@ -70,7 +74,7 @@ TEST(CHttpClient, StatusAndTransportFailures) {
 TEST(CHttpClient, ProgressAfterEveryRefillAndAbort) {
   const int size = 20000;
   std::string reply = kOkHead + "Content-Length: " + std::to_string(size) + "\r\n\r\n" + std::string(size, 'b');
-  ExtrasRawPeer peer({reply, reply, kOkHead + "Content-Length: 0\r\n\r\n", kOkHead + "\r\n"});
+  ScriptedPeer peer({reply, reply, kOkHead + "Content-Length: 0\r\n\r\n", kOkHead + "\r\n"});
   CHttpClient c;
   Aim(c, peer.Port());
   c.SetBlockSize(1 << 20);  // the receive block does not set the pace
@@ -99,19 +103,17 @@ TEST(CHttpClient, ProgressAfterEveryRefillAndAbort) {
 }
 
 TEST(CHttpClient, FilesRedirectsAndCredentialsOnOurServer) {
-  ExtrasTempDir home;
+  TempDir home;
   std::string data;
   for (int i = 0; i < 10000; ++i) data += (char)(i * 31);
   home.Write("data.bin", data);
-  std::filesystem::create_directory(home.File("sub"));
   home.Write("sub/index.html", "index of sub");
-  std::filesystem::create_directory(home.File("private"));
   home.Write("private/doc.txt", "classified");
   CHttpServer srv;
   srv.SetHomeDir(home.Path().c_str());
   srv.DefDocs.Add("index.html");
-  srv.SetPassword(srv.VdirAdd("/private", home.File("private").c_str(), HTTPS_OBJF_ENABLED), "alice", "s3cret");
-  unsigned short port = ExtrasStartServer(srv);
+  srv.SetPassword(srv.VdirAdd("/private", home.Join("private").c_str(), HTTPS_OBJF_ENABLED), "alice", "s3cret");
+  unsigned short port = StartOnFreePort(srv);
   ASSERT_NE(port, 0);
 
   const struct {

@@ -1,4 +1,6 @@
 // ctest-labels: threads
+// The log: file names and stamps in UTC, levels, rotation when the date turns,
+// and whole lines from many threads.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -12,7 +14,9 @@
 
 #include "clog.h"
 #include "pl_net.h"
-#include "server_support.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace fs = std::filesystem;
 
@@ -40,7 +44,7 @@ bool LockFreeForOtherThreads(PlMutex* m) {
 // cannot be removed on Windows).
 class LogTest : public ::testing::Test {
  protected:
-  srvtest::ScratchDir Scratch;
+  testsup::TempDir Scratch;
   fs::path Dir = Scratch.Path();
   CLog Log;
 

@@ -3,11 +3,11 @@
 
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <string>
 
 #include "cmem.h"
 #include "cstr.h"
+#include "test_support.h"
 
 namespace fs = std::filesystem;
 
@@ -25,8 +25,8 @@ TEST(CMem, AdoptsBlocksAndRoundTripsFiles) {
   EXPECT_EQ(Bytes(m), "fr");
   EXPECT_EQ(Bytes(CMem(CStr("x\0y", 3))), std::string("x\0y", 3));
 
-  std::random_device rd;
-  fs::path dir = fs::temp_directory_path() / ("lumetta_cmem_" + std::to_string(rd()));
+  testsup::TempDir scratch;
+  fs::path dir = scratch.Join("cmem");
   ASSERT_TRUE(fs::create_directory(dir));
   std::string name = (dir / "blob").string();
   std::string payload(70000, '\0');
@@ -36,7 +36,6 @@ TEST(CMem, AdoptsBlocksAndRoundTripsFiles) {
   ASSERT_TRUE(in.LoadFromFile(name.c_str()));
   EXPECT_EQ(Bytes(in), payload);
   EXPECT_FALSE(in.LoadFromFile((dir / "missing").string().c_str()));
-  fs::remove_all(dir);
 }
 
 TEST(CMemList, FlattensPiecesInOrder) {

@@ -1,4 +1,7 @@
 // ctest-labels: threads
+// Child processes behind a pipe stream, driven by the helper program: exit
+// codes, signals and time-outs, line ends, the environment, error output and
+// quoting, and nothing left behind.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -9,9 +12,10 @@
 #include <vector>
 
 #include "cpipestream.h"
-#include "engines_helpers.h"
 #include "pl_process.h"
-#include "portable.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace {
 
@@ -57,7 +61,7 @@ void ExpectEnds(const std::vector<EndCase>& cases) {
     CPipeStream p;
     p.TimeOut = c.timeOut;
     uint64_t start = PlMonotonicMs();
-    EXPECT_EQ(RunToEnd(p, HelperCmd(c.args), c.flags), "");
+    EXPECT_EQ(RunToEnd(p, PipeHelperCmd(c.args), c.flags), "");
     EXPECT_LT(PlMonotonicMs() - start, 10000u);
     EXPECT_EQ(p.GetStatus() & (CPIPE_ST_RUNNING | CPIPE_ST_TIMEDOUT | CPIPE_ST_CRASHED), c.bits);
     EXPECT_TRUE(c.exitCode < 0 || p.GetExitCode() == (unsigned)c.exitCode) << p.GetExitCode();
@@ -96,17 +100,17 @@ TEST(CPipeStream, ProgramThatCannotStartThrowsRun) {
     EXPECT_EQ(p.hChildStdoutRd, PL_NO_FILE);
   }
   CPipeStream p;
-  EXPECT_NE(Thrown([&] { p.Open(HelperCmd("exit 0").c_str(), "/nonexistent/dir", nullptr, CPIPE_READ); }), 0);
+  EXPECT_NE(Thrown([&] { p.Open(PipeHelperCmd("exit 0").c_str(), "/nonexistent/dir", nullptr, CPIPE_READ); }), 0);
 }
 
 TEST(CPipeStream, MisuseThrowsCodes) {
   CPipeStream idle, writeOnly, readOnly, ended, gone;
   char c;
   std::string big(1 << 20, 'z');
-  writeOnly.Open(HelperCmd("exit 0").c_str(), nullptr, nullptr, CPIPE_WRITE);
-  readOnly.Open(HelperCmd("exit 0").c_str(), nullptr, nullptr, CPIPE_READ);
-  RunToEnd(ended, HelperCmd("exit 0"));
-  RunToEnd(gone, HelperCmd("exit 0"), CPIPE_READ | CPIPE_WRITE);
+  writeOnly.Open(PipeHelperCmd("exit 0").c_str(), nullptr, nullptr, CPIPE_WRITE);
+  readOnly.Open(PipeHelperCmd("exit 0").c_str(), nullptr, nullptr, CPIPE_READ);
+  RunToEnd(ended, PipeHelperCmd("exit 0"));
+  RunToEnd(gone, PipeHelperCmd("exit 0"), CPIPE_READ | CPIPE_WRITE);
   const std::pair<int, std::function<void()>> cases[] = {
       {CERR_GEN_PRIORITY, [&] { idle.SetPriority(4); }},
       {CERR_GEN_WRITEONLY, [&] { writeOnly.Read(&c, 1); }},
@@ -117,7 +121,7 @@ TEST(CPipeStream, MisuseThrowsCodes) {
   for (const auto& c : cases) EXPECT_EQ(Thrown(c.second), c.first);
   // Text writes of nothing do nothing, in every line-end mode.
   CPipeStream text;
-  text.Open(HelperCmd("exit 0").c_str(), nullptr, nullptr, CPIPE_WRITE);
+  text.Open(PipeHelperCmd("exit 0").c_str(), nullptr, nullptr, CPIPE_WRITE);
   text.Wait();  // the watcher reads the flags while it runs
   for (int mode : {0, 1, 2}) {
     text.TextMode = mode;
@@ -136,7 +140,7 @@ TEST(CPipeStream, GetsLineEndRules) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args);
     CPipeStream p;
-    p.Open(HelperCmd(c.args).c_str(), nullptr, nullptr, CPIPE_READ);
+    p.Open(PipeHelperCmd(c.args).c_str(), nullptr, nullptr, CPIPE_READ);
     std::string got;
     char buf[64];
     while (p.Gets(buf, c.size)) got += std::string(buf) + "|";
@@ -144,7 +148,7 @@ TEST(CPipeStream, GetsLineEndRules) {
     EXPECT_EQ(p.Getc(), -1);
   }
   CPipeStream p;
-  p.Open(HelperCmd("print " + std::string(5000, 'x') + "\\n").c_str(), nullptr, nullptr, CPIPE_READ);
+  p.Open(PipeHelperCmd("print " + std::string(5000, 'x') + "\\n").c_str(), nullptr, nullptr, CPIPE_READ);
   CStr line;
   EXPECT_EQ(std::string(p.Gets(line).c_str()), std::string(5000, 'x') + "\n");
   EXPECT_TRUE(p.Gets(line).IsEmpty());
@@ -168,18 +172,18 @@ TEST(CPipeStream, ChildGetsTheGivenEnvironmentOrOurs) {
   env.Add("EMPTY=");
   env.Add("SPACED=two words");
   CPipeStream p;
-  EXPECT_EQ(WithoutSystemVariables(RunToEnd(p, HelperCmd("env"), CPIPE_READ, &env)), "ALPHA=1\nEMPTY=\nSPACED=two words\n");
+  EXPECT_EQ(WithoutSystemVariables(RunToEnd(p, PipeHelperCmd("env"), CPIPE_READ, &env)), "ALPHA=1\nEMPTY=\nSPACED=two words\n");
   // No list and an empty list alike: the child inherits ours.
-  EXPECT_NE(RunToEnd(p, HelperCmd("env"), CPIPE_READ, &none).find("PATH="), std::string::npos);
-  EXPECT_NE(RunToEnd(p, HelperCmd("env")).find("PATH="), std::string::npos);
+  EXPECT_NE(RunToEnd(p, PipeHelperCmd("env"), CPIPE_READ, &none).find("PATH="), std::string::npos);
+  EXPECT_NE(RunToEnd(p, PipeHelperCmd("env")).find("PATH="), std::string::npos);
 }
 
 TEST(CPipeStream, ErrorOutputMergedOrOnAPipeOfItsOwn) {
   CPipeStream p;
-  EXPECT_EQ(RunToEnd(p, HelperCmd("both out\\n err\\n")), "out\nerr\n");
+  EXPECT_EQ(RunToEnd(p, PipeHelperCmd("both out\\n err\\n")), "out\nerr\n");
   std::string err;
   std::thread drain;
-  p.Open(HelperCmd("both out\\n err\\n").c_str(), nullptr, nullptr, CPIPE_READ | CPIPE_STDERR);
+  p.Open(PipeHelperCmd("both out\\n err\\n").c_str(), nullptr, nullptr, CPIPE_READ | CPIPE_STDERR);
   drain = std::thread([&] {
     char buf[64];
     unsigned n;
@@ -195,7 +199,7 @@ TEST(CPipeStream, ErrorOutputMergedOrOnAPipeOfItsOwn) {
 
 TEST(CPipeStream, CommandLineFollowsWindowsQuotingRules) {
   CPipeStream p;
-  EXPECT_EQ(RunToEnd(p, HelperCmd("args \"two words\" a\\b \"q\\\"uote\" back\\\\\"slash x\" 3\\\\\\\"q \"\" end")),
+  EXPECT_EQ(RunToEnd(p, PipeHelperCmd("args \"two words\" a\\b \"q\\\"uote\" back\\\\\"slash x\" 3\\\\\\\"q \"\" end")),
             "[two words]\n[a\\b]\n[q\"uote]\n[back\\slash x]\n[3\\\"q]\n[]\n[end]\n");
 }
 
@@ -207,15 +211,15 @@ TEST(CPipeStream, ManyStreamsLeaveNoDescriptorsAndNoChildren) {
   for (int i = 0; i < 8; i++)
     threads.emplace_back([i, &results] {
       CPipeStream p;
-      for (int k = 0; k < 4; k++) results[i] += RunToEnd(p, HelperCmd("print " + std::to_string(i)));
+      for (int k = 0; k < 4; k++) results[i] += RunToEnd(p, PipeHelperCmd("print " + std::to_string(i)));
     });
   for (auto& t : threads) t.join();
   for (int i = 0; i < 8; i++) EXPECT_EQ(results[i], std::string(4, (char)('0' + i)));
   {
     CPipeStream timedOut, dropped;
     timedOut.TimeOut = 1;
-    RunToEnd(timedOut, HelperCmd("sleep 30"), CPIPE_READ | CPIPE_WRITE | CPIPE_DEBUG);
-    dropped.Open(HelperCmd("cat").c_str(), nullptr, nullptr, CPIPE_READ | CPIPE_WRITE);  // still running
+    RunToEnd(timedOut, PipeHelperCmd("sleep 30"), CPIPE_READ | CPIPE_WRITE | CPIPE_DEBUG);
+    dropped.Open(PipeHelperCmd("cat").c_str(), nullptr, nullptr, CPIPE_READ | CPIPE_WRITE);  // still running
     Thrown([&] { CPipeStream().Open("/nonexistent/program", nullptr, nullptr, CPIPE_READ); });
   }
   EXPECT_EQ(PlOpenHandleCount(), before);

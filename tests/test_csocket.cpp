@@ -1,4 +1,6 @@
 // ctest-labels: threads
+// The buffered socket over real loopback connections: reading bytes and lines,
+// time-outs, writes to a vanished peer, and waking a wait from another thread.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -7,9 +9,10 @@
 
 #include "cerror.h"
 #include "csocket.h"
-#include "loopback_peer.h"
 #include "pl_thread.h"
-#include "portable.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace {
 

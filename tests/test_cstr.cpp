@@ -4,12 +4,12 @@
 
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "cmem.h"
 #include "cstr.h"
+#include "test_support.h"
 
 namespace fs = std::filesystem;
 
@@ -183,8 +183,8 @@ TEST(CStr, PathSimplify) {
 }
 
 TEST(CStr, FileAndDirectoryHelpers) {
-  std::random_device rd;
-  std::string dir = (fs::temp_directory_path() / ("lumetta_cstr_" + std::to_string(rd()))).string();
+  testsup::TempDir scratch;
+  std::string dir = scratch.Join("cstr");
   ASSERT_TRUE(fs::create_directory(dir));
   CStr name((dir + "/a.txt").c_str()), moved((dir + "/b.txt").c_str()), sub((dir + "/sub").c_str());
   ASSERT_TRUE(CStr("one\0two", 7).SaveToFile(name.Str));
@@ -204,7 +204,6 @@ TEST(CStr, FileAndDirectoryHelpers) {
   EXPECT_TRUE(moved.FileDelete());
   EXPECT_FALSE(moved.FileDelete());
   EXPECT_TRUE(sub.DirDelete());
-  fs::remove_all(dir);
 }
 
 namespace {

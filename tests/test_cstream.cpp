@@ -5,7 +5,9 @@
 #include <memory>
 
 #include "cstream.h"
-#include "extras_support.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace {
 
@@ -65,7 +67,7 @@ TEST(CMemStream, WritesAcrossBlocksAndSeeks) {
 }
 
 TEST(CStreams, BothByteOrdersInMemoryAndOnDisk) {
-  ExtrasTempDir dir;
+  TempDir dir;
   const char* expected[] = {"\x01\x02\x03\x04\x05\x06", "\x02\x01\x06\x05\x04\x03"};
   for (int order : {CSTREAM_BIG_ENDIAN, CSTREAM_LITTLE_ENDIAN}) {
     SCOPED_TRACE(order);
@@ -74,7 +76,7 @@ TEST(CStreams, BothByteOrdersInMemoryAndOnDisk) {
     RoundTripScalars(mem);
     EXPECT_EQ(Content(mem).substr(0, 6), expected[order]);
     {
-      CFileStream file(dir.File("data.bin").c_str(), CSTREAM_CREATE | CSTREAM_READ | CSTREAM_TRUNC | CSTREAM_BINARY);
+      CFileStream file(dir.Join("data.bin").c_str(), CSTREAM_CREATE | CSTREAM_READ | CSTREAM_TRUNC | CSTREAM_BINARY);
       file.SetEndian(order);
       RoundTripScalars(file);
     }
@@ -103,7 +105,7 @@ TEST(CStreams, LineEndsInAndOut) {
   EXPECT_EQ(ThrownCode([&] { binary.WriteConv("", 0); }), CERR_GEN_MISSINGARGUMENT);
   EXPECT_EQ(Content(text), "");
 
-  ExtrasTempDir dir;
+  TempDir dir;
   std::string longLine(3000, 'x');
   CFileStream f(dir.Write("lines.txt", "a\rb\nc\r\nd\r\r" + longLine + "\nz").c_str(), CSTREAM_READ | CSTREAM_BINARY);
   CStr line;
@@ -115,12 +117,12 @@ TEST(CStreams, LineEndsInAndOut) {
 }
 
 TEST(CFileStream, UpdateModeAndOpenFailure) {
-  ExtrasTempDir dir;
+  TempDir dir;
   CFileStream f(dir.Write("u.txt", "0123456789").c_str(), RW | CSTREAM_BINARY);
   EXPECT_EQ(f.Getc(), '0');
   f.Write("AB", 2);  // straight after a read, with no seek between
   EXPECT_EQ(f.Getc(), '3');
   f.Close();
   EXPECT_EQ(dir.Read("u.txt"), "0AB3456789");
-  EXPECT_EQ(ThrownCode([&] { f.Open(dir.File("none").c_str(), CSTREAM_READ); }), CERR_GEN_OPENREAD);
+  EXPECT_EQ(ThrownCode([&] { f.Open(dir.Join("none").c_str(), CSTREAM_READ); }), CERR_GEN_OPENREAD);
 }

@@ -5,7 +5,9 @@
 
 #include "dll.h"
 #include "pl_dl.h"
-#include "portable.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace {
 

@@ -15,14 +15,13 @@
 
 #include "cgi_pool.h"
 #include "cgiwrapper.h"
-#include "engines_helpers.h"
 #include "php_options.h"
 #include "phppool.h"
 #include "pl_process.h"
 #include "progdir.h"
-#include "server_support.h"
+#include "test_servers.h"
 
-using namespace srvtest;
+using namespace testsup;
 namespace fs = std::filesystem;
 
 namespace {
@@ -36,7 +35,7 @@ bool RefusingEngine(void*, void* c) {
 // Each test with one php-cgi per request (0) and with two workers.
 class PhpCompat : public ::testing::TestWithParam<int> {
  protected:
-  ScratchDir Home;
+  TempDir Home;
   PhpPool Pool;  // outlives the server
   std::unique_ptr<TestServer> S;
 
@@ -202,7 +201,7 @@ TEST_P(PhpCompat, PostToADirectoryRunsItsDefaultDocument) {
 // Neither a default document nor a script with a path after it may be
 // found through a link that leads out of the home directory.
 TEST_P(PhpCompat, NewWaysToAScriptStayInside) {
-  ScratchDir outside;
+  TempDir outside;
   outside.Write("index.php", "<?php echo 'OUTSIDE-RAN';");
   fs::create_directory_symlink(outside.Path(), Home.Join("linkdir"));
   fs::create_symlink(outside.Join("index.php"), Home.Join("link.php"));
@@ -273,7 +272,7 @@ namespace {
 // to a worker's socket the test chooses.
 class PhpStandIn : public ::testing::Test {
  protected:
-  ScratchDir Dir;
+  TempDir Dir;
   std::string Script = Dir.Path() + "/php-cgi-standin";
   std::string RealPhp;
   PhpPool Pool;  // outlives the server
@@ -298,7 +297,7 @@ class PhpStandIn : public ::testing::Test {
   }
   // onSocket: what the stand-in does when its input is a listening socket.
   void StandIn(const std::string& onSocket) {
-    EnginesWriteFile(Script + ".new", "#!/bin/sh\nif [ -S /dev/stdin ]; then " + onSocket + "; fi\nexec \"" + RealPhp +
+    WriteFile(Script + ".new", "#!/bin/sh\nif [ -S /dev/stdin ]; then " + onSocket + "; fi\nexec \"" + RealPhp +
                                           "\" \"$@\"\n");
     fs::permissions(Script + ".new", fs::perms::owner_all);
     fs::rename(Script + ".new", Script);  // never half written while a worker starts
@@ -332,7 +331,7 @@ TEST_F(PhpStandIn, WorkersThatCanNoLongerStartFallBackWithOneLogLine) {
   StandIn("exit 1");
   for (long long pid : Pool.WorkerPids()) {
     PlProcessKillId(pid);
-    while (EnginesProcessAlive(pid)) PlSleepMs(5);  // not a request lost to a worker mid-kill
+    while (ProcessAlive(pid)) PlSleepMs(5);  // not a request lost to a worker mid-kill
   }
   for (int n = 1; n < 6; n++) EXPECT_EQ(Page(n), "page " + std::to_string(n));
   EXPECT_FALSE(Pool.IsRunning());
@@ -346,7 +345,7 @@ TEST_F(PhpStandIn, WorkersThatCanNoLongerStartFallBackWithOneLogLine) {
 TEST(PhpBundled, OwnIniHoldsWhateverTheQuery) {
   CStr systemPhp, args;
   if (!FindPhpInterpreter(CStr("/nonexistent"), systemPhp, args)) GTEST_SKIP() << "php-cgi is not installed";
-  ScratchDir dir;
+  TempDir dir;
   dir.Write("prog/Php5/php.ini", "memory_limit=77M\n");
   fs::create_symlink(systemPhp.c_str(), dir.Path() + "/prog/Php5/php-cgi");
   dir.Write("home/m.php", "<?php echo ini_get('memory_limit'), ':', $_SERVER['QUERY_STRING'];");

@@ -12,10 +12,11 @@
 #include <vector>
 
 #include "cpipestream.h"
-#include "engines_helpers.h"
-#include "server_support.h"
 #include "phppool.h"
 #include "pl_process.h"
+#include "test_servers.h"
+
+using namespace testsup;
 
 namespace {
 
@@ -43,24 +44,24 @@ void CollectError(void* context, const char* line, int len) {
 
 class PhpPoolTest : public ::testing::Test {
  protected:
-  EnginesTempDir Dir;
+  TempDir Dir;
   PhpPool Pool;
 
   void SetUp() override {
-    std::string cmd = EnginesPhpCommandLine();
+    std::string cmd = PhpCommandLine();
     if (cmd.empty()) GTEST_SKIP() << "php-cgi is not installed";
-    std::filesystem::copy(LUMETTA_SOURCE_DIR "/tests/data/php", Dir.Path, std::filesystem::copy_options::recursive);
+    std::filesystem::copy(LUMETTA_SOURCE_DIR "/tests/data/php", Dir.Path(), std::filesystem::copy_options::recursive);
     for (auto& [name, text] : std::vector<std::pair<std::string, std::string>>{
              {"server.php", kServerDump}, {"query.php", kEchoQuery}, {"exit.php", kExit},
              {"killself.php", kKillSelf}, {"stderr.php", kStderr}, {"raw.php", kRawBody}})
-      EnginesWriteFile(Dir / name, text);
+      WriteFile(Dir.Join(name), text);
     CStrList options;
-    EnginesPhpOptions(options);
+    AddPhpOptions(options);
     ASSERT_TRUE(Pool.Start(cmd.c_str(), 2, &options)) << Pool.FailureText().c_str();
   }
 
   void Env(CStrList& env, const std::string& script, const std::string& query = "") {
-    env.Add(("SCRIPT_FILENAME=" + Dir / script).c_str());
+    env.Add(("SCRIPT_FILENAME=" + Dir.Join(script)).c_str());
     env.Add(("QUERY_STRING=" + query).c_str());
     env.Add("REQUEST_METHOD=GET");
   }
@@ -125,10 +126,10 @@ TEST_F(PhpPoolTest, ScriptSeesExactlyTheVariablesSentInOrder) {
   CStrList env;
   std::string lines;
   CStrList options;  // the workers' own environment comes first
-  EnginesPhpOptions(options);
+  AddPhpOptions(options);
   for (int i = 0; i < options.Count(); i++) lines += std::string(options[i]->c_str()) + "\n";
   std::string longValue(300, 'v');  // lengths past 127 take four bytes
-  for (std::string entry : {"SCRIPT_FILENAME=" + Dir / "server.php", std::string("QUERY_STRING="),
+  for (std::string entry : {"SCRIPT_FILENAME=" + Dir.Join("server.php"), std::string("QUERY_STRING="),
                             std::string("HTTP_COOKIE=a=1; b=2"), std::string("REQUEST_METHOD=GET"),
                             "HTTP_USER_AGENT=" + longValue, std::string("PATH_INFO="),
                             std::string("SERVER_SOFTWARE=Lumetta/1.0.3 (Windows)"), std::string("Z_LAST=end")}) {
@@ -144,15 +145,15 @@ TEST_F(PhpPoolTest, ScriptSeesExactlyTheVariablesSentInOrder) {
 // with them as its environment, and through a worker.
 TEST_F(PhpPoolTest, SameVariablesAsOneInterpreterPerRequest) {
   CStrList env;
-  EnginesPhpOptions(env);  // the workers have them in their own environment
+  AddPhpOptions(env);  // the workers have them in their own environment
   for (const char* entry : {"CONTENT_LENGTH=3", "CONTENT_TYPE=text/plain", "QUERY_STRING=a=1&b", "GATEWAY_INTERFACE=CGI/1.1",
                             "HTTP_COOKIE=k=v", "HTTPS=", "PATH_INFO=", "PATH_TRANSLATED=", "REQUEST_METHOD=POST",
                             "REQUEST_URI=/server.php", "SERVER_PORT=8080", "HTTP_X_EXTRA=1"})
     env.Add(entry);
-  env.Add(("SCRIPT_FILENAME=" + Dir / "server.php").c_str());
+  env.Add(("SCRIPT_FILENAME=" + Dir.Join("server.php")).c_str());
   CPipeStream cgi;
   cgi.Set();
-  cgi.Open(EnginesPhpCommandLine().c_str(), Dir.Path.c_str(), &env, CPIPE_BINARY | CPIPE_READ | CPIPE_WRITE);
+  cgi.Open(PhpCommandLine().c_str(), Dir.Path().c_str(), &env, CPIPE_BINARY | CPIPE_READ | CPIPE_WRITE);
   cgi.Write("abc", 3);
   PhpRun old;
   char buf[4096];
@@ -183,7 +184,7 @@ TEST_F(PhpPoolTest, BodiesArriveByteExact) {
   };
   for (const Case& c : cases) {
     CStrList env;
-    env.Add(("SCRIPT_FILENAME=" + Dir / c.Script).c_str());
+    env.Add(("SCRIPT_FILENAME=" + Dir.Join(c.Script)).c_str());
     env.Add("REQUEST_METHOD=POST");
     env.Add(("CONTENT_LENGTH=" + std::to_string(body.size())).c_str());
     env.Add(("CONTENT_TYPE=" + c.Type).c_str());
@@ -214,7 +215,7 @@ TEST_F(PhpPoolTest, WorkerThatKillsItselfIsReplaced) {
   // The supervisor notices the death on its own rounds; requests meanwhile
   // go to the live worker.
   std::vector<long long> after;
-  const uint64_t deadline = PlMonotonicMs() + srvtest::ReplyBoundMs(5000);
+  const uint64_t deadline = PlMonotonicMs() + testsup::ReplyBoundMs(5000);
   while (((after = Pool.WorkerPids()) == before || after.size() != 2) && PlMonotonicMs() < deadline)
     PlSleepMs(10);
   EXPECT_EQ(after.size(), 2u);
@@ -226,7 +227,7 @@ TEST_F(PhpPoolTest, IdleWorkerKilledFromOutsideIsReplaced) {
   // live one, or wait for the replacement.
   for (long long pid : Pool.WorkerPids()) PlProcessKillId(pid);
   for (long long pid : Pool.WorkerPids())
-    while (EnginesProcessAlive(pid)) PlSleepMs(5);
+    while (ProcessAlive(pid)) PlSleepMs(5);
   for (int i = 0; i < 5; i++) EXPECT_EQ(Get("query.php", "n=1").Result, PHP_RUN_DONE) << i;
 }
 
@@ -244,7 +245,7 @@ TEST_F(PhpPoolTest, ScriptPastTheTimeOutIsStopped) {
   EXPECT_EQ(Get("query.php", "n=2").Result, PHP_RUN_DONE);
   auto alive = [&] {
     int n = 0;
-    for (long long pid : before) n += EnginesProcessAlive(pid);
+    for (long long pid : before) n += ProcessAlive(pid);
     return n;
   };
   uint64_t deadline = PlMonotonicMs() + 3000;
@@ -271,8 +272,8 @@ TEST_F(PhpPoolTest, WorkersAreReplacedAfterTheirShareOfRequests) {
   Pool.Stop();
   Pool.RequestsPerWorker = 300;
   CStrList options;
-  EnginesPhpOptions(options);
-  ASSERT_TRUE(Pool.Start(EnginesPhpCommandLine().c_str(), 2, &options));
+  AddPhpOptions(options);
+  ASSERT_TRUE(Pool.Start(PhpCommandLine().c_str(), 2, &options));
   std::vector<long long> before = Pool.WorkerPids();
   for (int i = 0; i < 1300; i++) ASSERT_EQ(Get("query.php", "n=1").Result, PHP_RUN_DONE) << i;
   std::vector<long long> after = Pool.WorkerPids();
@@ -282,9 +283,9 @@ TEST_F(PhpPoolTest, WorkersAreReplacedAfterTheirShareOfRequests) {
 TEST_F(PhpPoolTest, StopLeavesNoWorker) {
   std::vector<long long> pids = Pool.WorkerPids();
   ASSERT_EQ(pids.size(), 2u);
-  for (long long pid : pids) EXPECT_TRUE(EnginesProcessAlive(pid));
+  for (long long pid : pids) EXPECT_TRUE(ProcessAlive(pid));
   Pool.Stop();
-  for (long long pid : pids) EXPECT_FALSE(EnginesProcessAlive(pid)) << pid;
+  for (long long pid : pids) EXPECT_FALSE(ProcessAlive(pid)) << pid;
   EXPECT_FALSE(Pool.IsRunning());
   EXPECT_EQ(Get("query.php").Result, PHP_RUN_NO_WORKER);
 }
@@ -292,15 +293,15 @@ TEST_F(PhpPoolTest, StopLeavesNoWorker) {
 TEST_F(PhpPoolTest, NoWorkerOutlivesAKilledPlayer) {
   CPipeStream helper;
   helper.Set();
-  std::string cmd = "\"" + EnginesPoolHelperPath() + "\" \"" + EnginesPhpCommandLine() + "\" 2";
+  std::string cmd = "\"" + PoolHelperPath() + "\" \"" + PhpCommandLine() + "\" 2";
   // The inner quotes of the php command line are escaped for the splitter.
-  std::string inner = EnginesPhpCommandLine();
+  std::string inner = PhpCommandLine();
   std::string escaped;
   for (char c : inner) escaped += c == '"' ? std::string("\\\"") : std::string(1, c);
-  cmd = "\"" + EnginesPoolHelperPath() + "\" \"" + escaped + "\" 2";
+  cmd = "\"" + PoolHelperPath() + "\" \"" + escaped + "\" 2";
   // A killed player leaves its socket directory behind; let it be ours.
   CStrList env;
-  env.Add(("TMPDIR=" + Dir.Path).c_str());
+  env.Add(("TMPDIR=" + Dir.Path()).c_str());
   helper.Open(cmd.c_str(), nullptr, &env, CPIPE_BINARY | CPIPE_READ);
   CStr line;
   helper.Gets(line);
@@ -318,7 +319,7 @@ TEST_F(PhpPoolTest, NoWorkerOutlivesAKilledPlayer) {
   bool anyAlive = true;
   while (anyAlive && PlMonotonicMs() < deadline) {
     anyAlive = false;
-    for (long long pid : pids) anyAlive = anyAlive || EnginesProcessAlive(pid);
+    for (long long pid : pids) anyAlive = anyAlive || ProcessAlive(pid);
     if (anyAlive) PlSleepMs(20);
   }
   EXPECT_FALSE(anyAlive);
@@ -327,20 +328,20 @@ TEST_F(PhpPoolTest, NoWorkerOutlivesAKilledPlayer) {
 // When workers can no longer be started, requests are turned away at once
 // (the caller runs them the old way) instead of waiting for a worker.
 TEST(PhpPoolStart, GivesUpWhenWorkersCannotBeReplaced) {
-  std::string cmd = EnginesPhpCommandLine();
+  std::string cmd = PhpCommandLine();
   if (cmd.empty()) GTEST_SKIP() << "php-cgi is not installed";
-  EnginesTempDir dir;
+  TempDir dir;
   std::string program = cmd.substr(1, cmd.find('"', 1) - 1);
-  std::filesystem::copy_file(program, dir / "php-cgi");
-  std::filesystem::permissions(dir / "php-cgi", std::filesystem::perms::owner_all);
-  EnginesWriteFile(dir / "page.php", "<?php echo 'up';");
+  std::filesystem::copy_file(program, dir.Join("php-cgi"));
+  std::filesystem::permissions(dir.Join("php-cgi"), std::filesystem::perms::owner_all);
+  WriteFile(dir.Join("page.php"), "<?php echo 'up';");
   PhpPool pool;
-  ASSERT_TRUE(pool.Start(("\"" + dir / "php-cgi" + "\"" + cmd.substr(cmd.find('"', 1) + 1)).c_str(), 1));
-  std::filesystem::remove(dir / "php-cgi");
+  ASSERT_TRUE(pool.Start(("\"" + dir.Join("php-cgi") + "\"" + cmd.substr(cmd.find('"', 1) + 1)).c_str(), 1));
+  std::filesystem::remove(dir.Join("php-cgi"));
   for (long long pid : pool.WorkerPids()) PlProcessKillId(pid);
   uint64_t start = PlMonotonicMs();
   CStrList env;
-  env.Add(("SCRIPT_FILENAME=" + dir / "page.php").c_str());
+  env.Add(("SCRIPT_FILENAME=" + dir.Join("page.php")).c_str());
   auto run = [&] {
     PhpRequest req(pool);
     req.Send(env, nullptr, 0);
@@ -361,12 +362,12 @@ TEST(PhpPoolStart, GivesUpWhenWorkersCannotBeReplaced) {
 // An interpreter that only speaks CGI, or none at all: the pool says so and
 // leaves nothing running, and the caller keeps one interpreter per request.
 TEST(PhpPoolStart, RefusesWhatIsNotAFastCgiApplication) {
-  EnginesTempDir dir;
-  EnginesWriteFile(dir / "cgi-only.sh", "#!/bin/sh\nprintf 'Content-Type: text/plain\\r\\n\\r\\nhello'\n");
-  std::filesystem::permissions(dir / "cgi-only.sh", std::filesystem::perms::owner_all);
-  EnginesWriteFile(dir / "hangs.sh", "#!/bin/sh\nexec sleep 30\n");
-  std::filesystem::permissions(dir / "hangs.sh", std::filesystem::perms::owner_all);
-  for (std::string cmd : {dir / "cgi-only.sh", dir / "hangs.sh", dir / "absent"}) {
+  TempDir dir;
+  WriteFile(dir.Join("cgi-only.sh"), "#!/bin/sh\nprintf 'Content-Type: text/plain\\r\\n\\r\\nhello'\n");
+  std::filesystem::permissions(dir.Join("cgi-only.sh"), std::filesystem::perms::owner_all);
+  WriteFile(dir.Join("hangs.sh"), "#!/bin/sh\nexec sleep 30\n");
+  std::filesystem::permissions(dir.Join("hangs.sh"), std::filesystem::perms::owner_all);
+  for (std::string cmd : {dir.Join("cgi-only.sh"), dir.Join("hangs.sh"), dir.Join("absent")}) {
     PhpPool pool;
     pool.ProbeTimeOutSec = 1;
     uint64_t start = PlMonotonicMs();

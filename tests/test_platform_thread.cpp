@@ -1,4 +1,6 @@
 // ctest-labels: threads
+// Threads, mutexes and events of the platform layer: waits that time out,
+// recursive locking and events that stay set.
 #include <gtest/gtest.h>
 
 #include <atomic>

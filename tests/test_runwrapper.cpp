@@ -1,4 +1,6 @@
 // ctest-labels: threads
+// The run wrapper on "/run.ebd" through a real server: what the opener is
+// asked, the requests it refuses, and programs started in their directory.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -8,11 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "engines_helpers.h"
 #include "pl_shell.h"
 #include "pl_thread.h"
-#include "portable.h"
 #include "progdir.h"
+#include "test_servers.h"
+
+using namespace testsup;
 
 namespace {
 
@@ -36,29 +39,31 @@ std::vector<std::string> TakeCalls() {
 
 class RunTest : public ::testing::Test {
  protected:
-  EnginesTempDir Home;
-  std::unique_ptr<CHttpServer> Srv;
+  TempDir Home;
+  std::unique_ptr<TestServer> Srv;
 
   void SetUp() override {
     TakeCalls();
     PlShellSetOpener(RecordingOpener);
     ProgDir = "/opt/p";  // before the server's threads exist
-    Srv = EnginesStartServer(Home.Path, false);
-    ASSERT_NE(Srv, nullptr);
+    ServerSetup setup;
+    setup.AsPlayer = true;
+    Srv = std::make_unique<TestServer>(Home.Path(), setup);
+    ASSERT_TRUE(Srv->Start());
   }
   void TearDown() override { PlShellSetOpener(nullptr); }
-  EnginesReply Ask(const std::string& query) { return EnginesGet(Srv->GetPort(), "/run.ebd" + query); }
+  Reply Ask(const std::string& query) { return Get(Srv->Port(), "/run.ebd" + query); }
   std::string Status(const std::string& query) { return Ask(query).StatusLine.substr(0, 12); }
 };
 
 }  // namespace
 
 TEST_F(RunTest, OpenerGetsTheArguments) {
-  EnginesWriteFile(Home / "notes.txt", "n");
-  EnginesReply r = Ask("?file=" + Home / "notes.txt" + "&page=index.html");
+  WriteFile(Home.Join("notes.txt"), "n");
+  Reply r = Ask("?file=" + Home.Join("notes.txt") + "&page=index.html");
   EXPECT_EQ(r.StatusLine.substr(0, 12), "HTTP/1.1 302");
   EXPECT_TRUE(r.Has("\r\nLocation: ") && r.Has("index.html\r\n")) << r.Raw;
-  EXPECT_EQ(TakeCalls(), std::vector<std::string>{TestNativePath(Home / "notes.txt") + "|<null>|<null>|1"});
+  EXPECT_EQ(TakeCalls(), std::vector<std::string>{TestNativePath(Home.Join("notes.txt")) + "|<null>|<null>|1"});
   const std::pair<const char*, const char*> cases[] = {
       {"file=a&showcmd=MAXIMIZE", "a|<null>|<null>|3"}, {"file=a&showcmd=hide", "a|<null>|<null>|0"},
       {"file=a&showcmd=showminnoactive", "a|<null>|<null>|7"}, {"file=a&showcmd=ShowNoActivate", "a|<null>|<null>|4"},
@@ -86,17 +91,17 @@ TEST_F(RunTest, RefusalsGive403) {
   EXPECT_EQ(Status("?file=x.txt&page=index.html"), "HTTP/1.1 403");
   StubAnswer = true;
   PlShellSetOpener(nullptr);
-  EXPECT_EQ(Status("?file=" + Home / "does-not-exist.txt" + "&page=index.html"), "HTTP/1.1 403");
+  EXPECT_EQ(Status("?file=" + Home.Join("does-not-exist.txt") + "&page=index.html"), "HTTP/1.1 403");
 }
 
 TEST_F(RunTest, DesktopOpenerStartsAProgramInItsDirectory) {
   PlShellSetOpener(nullptr);
-  std::string out = Home / "ran.txt";
-  std::string query = "?file=" + EnginesHelperPath() + "&directory=" + Home.Path +
+  std::string out = Home.Join("ran.txt");
+  std::string query = "?file=" + PipeHelperPath() + "&directory=" + Home.Path() +
                       "&parameters=cwd+ran.txt&page=p";
   EXPECT_EQ(Status(query), "HTTP/1.1 302");
-  for (int i = 0; i < 300 && EnginesReadFile(out).empty(); i++) PlSleepMs(10);
-  EXPECT_EQ(EnginesReadFile(out), TestNativePath(Home.Path) + "\n");
+  for (int i = 0; i < 300 && ReadFile(out).empty(); i++) PlSleepMs(10);
+  EXPECT_EQ(ReadFile(out), TestNativePath(Home.Path()) + "\n");
 }
 
 // Names the way the desktop takes them: a bare program name from the search
@@ -105,9 +110,9 @@ TEST_F(RunTest, DesktopOpenerStartsAProgramInItsDirectory) {
 TEST_F(RunTest, DesktopOpenerFindsBareNamesAndRelativePaths) {
   SKIP_ON_WINDOWS("the Windows shell searches for programs itself");
   PlShellSetOpener(nullptr);
-  EnginesWriteFile(Home / "prog.sh", "#!/bin/sh\npwd > ran-relative.txt\n");
-  std::filesystem::permissions(Home / "prog.sh", std::filesystem::perms::owner_all);
-  const std::string relative = std::filesystem::relative(Home / "prog.sh").string();
+  WriteFile(Home.Join("prog.sh"), "#!/bin/sh\npwd > ran-relative.txt\n");
+  std::filesystem::permissions(Home.Join("prog.sh"), std::filesystem::perms::owner_all);
+  const std::string relative = std::filesystem::relative(Home.Join("prog.sh")).string();
   ASSERT_NE(relative[0], '/');
   const struct { std::string file, params, out; } cases[] = {
       {"sh", "-c+%22pwd+%3E+ran-bare.txt%22", "ran-bare.txt"},
@@ -115,11 +120,11 @@ TEST_F(RunTest, DesktopOpenerFindsBareNamesAndRelativePaths) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);
-    std::string query = "?file=" + c.file + "&directory=" + Home.Path + "&page=p";
+    std::string query = "?file=" + c.file + "&directory=" + Home.Path() + "&page=p";
     if (!c.params.empty()) query += "&parameters=" + c.params;
     EXPECT_EQ(Status(query), "HTTP/1.1 302");
-    for (int i = 0; i < 200 && EnginesReadFile(Home / c.out).empty(); i++) PlSleepMs(10);
-    EXPECT_EQ(EnginesReadFile(Home / c.out), Home.Path + "\n");
+    for (int i = 0; i < 200 && ReadFile(Home.Join(c.out)).empty(); i++) PlSleepMs(10);
+    EXPECT_EQ(ReadFile(Home.Join(c.out)), Home.Path() + "\n");
   }
   EXPECT_EQ(Status("?file=no-such-program-here&page=p"), "HTTP/1.1 403");
 }

@@ -8,9 +8,9 @@
 
 #include <string>
 
-#include "server_support.h"
+#include "test_servers.h"
 
-using namespace srvtest;
+using namespace testsup;
 
 namespace {
 
@@ -56,7 +56,7 @@ class AccessTest : public ::testing::Test {
     return Exchange(Server.Port(), line + "\r\n" + headers + "\r\n" + body);
   }
 
-  ScratchDir Home;
+  TempDir Home;
   TestServer Server{Home.Path()};
 };
 

@@ -11,9 +11,9 @@
 
 #include "pl_thread.h"
 #include "pl_time.h"
-#include "server_support.h"
+#include "test_servers.h"
 
-using namespace srvtest;
+using namespace testsup;
 
 namespace {
 
@@ -65,7 +65,7 @@ std::string Post(const std::string& target, const std::string& headers, const st
 
 class ServerCore : public ::testing::Test {
  protected:
-  ScratchDir Dir;
+  TempDir Dir;
   std::unique_ptr<TestServer> S;
 
   void SetUp() override { Renew(); }

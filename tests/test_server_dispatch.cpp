@@ -11,9 +11,9 @@
 
 #include "pl_fs.h"
 #include "pl_time.h"
-#include "server_support.h"
+#include "test_servers.h"
 
-using namespace srvtest;
+using namespace testsup;
 
 namespace {
 
@@ -45,7 +45,7 @@ class DispatchTest : public ::testing::Test {
     return Exchange(Port(), "GET " + target + " HTTP/1.1\r\n" + headers + "\r\n");
   }
 
-  ScratchDir Home, Outside;
+  TempDir Home, Outside;
   TestServer Server{Home.Path()};
 };
 

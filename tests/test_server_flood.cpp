@@ -11,9 +11,9 @@
 
 #include "pl_process.h"
 #include "pl_thread.h"
-#include "server_support.h"
+#include "test_servers.h"
 
-using namespace srvtest;
+using namespace testsup;
 
 namespace {
 
@@ -53,7 +53,7 @@ class FloodTest : public ::testing::Test {
     return conns;
   }
 
-  ScratchDir Home;
+  TempDir Home;
   TestServer Server{Home.Path()};
 };
 

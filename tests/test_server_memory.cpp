@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "pl_thread.h"
-#include "server_support.h"
+#include "test_servers.h"
 
-using namespace srvtest;
+using namespace testsup;
 
 namespace {
 
@@ -27,7 +27,7 @@ class MemoryTest : public ::testing::Test {
   }
   std::string HostLine() const { return "Host: localhost:" + std::to_string(Server.Port()) + "\r\n"; }
 
-  ScratchDir Home;
+  TempDir Home;
   TestServer Server{Home.Path()};
 };
 

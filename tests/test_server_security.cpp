@@ -13,10 +13,9 @@
 
 #include <cstring>
 
-#include "portable.h"
-#include "server_support.h"
+#include "test_servers.h"
 
-using namespace srvtest;
+using namespace testsup;
 namespace fs = std::filesystem;
 
 namespace {
@@ -50,7 +49,7 @@ class SecurityTest : public ::testing::Test {
     return Exchange(Server.Port(), "POST /echo HTTP/1.1\r\n" + headers + "\r\n" + body, halfClose);
   }
 
-  ScratchDir Base;
+  TempDir Base;
   TestServer Server{Base.MakeDir("home")};
 };
 
@@ -173,7 +172,7 @@ TEST_F(SecurityTest, LinkSwappedDuringRequestsNeverLeaksOutside) {
 // so the names outside never show.
 TEST(SecurityListing, LinkSwappedDuringListingsNeverShowsOutsideNames) {
   SKIP_ON_WINDOWS("making symbolic links needs a privilege the tests do not have");
-  ScratchDir base;
+  TempDir base;
   base.Write("home/in/inside-name.txt", "x");
   base.Write("out/TOPSECRET-name.txt", "x");
   TestServer server(base.Join("home"));

@@ -3,17 +3,19 @@
 
 #include <string>
 
-#include "extras_support.h"
 #include "ini_reader.h"
 #include "settings.h"
 #include "shell_state.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace {
 
 class ShellSettings : public ::testing::Test {
  protected:
-  ExtrasTempDir Tmp;
-  std::string Path = Tmp.File("Lumetta.ini");
+  TempDir Tmp;
+  std::string Path = Tmp.Join("Lumetta.ini");
   void Write(const std::string& text) { Tmp.Write("Lumetta.ini", text); }
   std::string Read(const char* key, const char* def = "dflt", const char* section = "Lumetta",
                    int size = INI_VALUE_MAX + 1) {

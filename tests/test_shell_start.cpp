@@ -8,13 +8,14 @@
 #include <vector>
 
 #include "chttpserver.h"
-#include "extras_support.h"
 #include "pl_net.h"
 #include "pl_thread.h"
 #include "player_start.h"
-#include "portable.h"
 #include "progdir.h"
 #include "shell_state.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace {
 
@@ -60,11 +61,11 @@ int QuietPort() {
 
 class ShellStart : public ::testing::Test {
  protected:
-  ExtrasTempDir Tmp;
+  TempDir Tmp;
   RecordingWindow W;
   void SetUp() override {
     PlNetStartup();
-    IniFile = Tmp.File("Lumetta.ini").c_str();
+    IniFile = Tmp.Join("Lumetta.ini").c_str();
   }
   void TearDown() override {
     StopPlayer();
@@ -128,7 +129,7 @@ TEST_F(ShellStart, DefaultsTitleStartPageMissingIconAndTakenPort) {
 
 TEST_F(ShellStart, HomeDirTokensPhpAndIcon) {
   // Both spellings of the program-directory token name the same place.
-  std::string icon = Tmp.File("Lumetta.ini");
+  std::string icon = Tmp.Join("Lumetta.ini");
   Start("HOMEDIR=PROGDIR:\nPHP=1\nICON_SYSMENU=0\nICON_MINIMIZE=1\nICON=" + icon);
   EXPECT_STREQ(HttpServer->GetHomeDir().c_str(), ProgDir.c_str());
   EXPECT_EQ(W.Log.at(7), "icon " + icon);

@@ -1,14 +1,19 @@
 // ctest-labels: threads
+// The server over TLS: start-up failures for a missing library or a bad
+// certificate, a real client, and slow clients that must not stall others.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <iterator>
 
+#include "cerror.h"
+#include "chttpserver.h"
 #include "csocket.h"
-#include "extras_support.h"
 #include "pl_dl.h"
 #include "pl_process.h"
-#include "portable.h"
+#include "test_support.h"
+
+using namespace testsup;
 
 namespace {
 
@@ -25,29 +30,29 @@ int OpenDescriptors() { return PlOpenHandleCount(); }
 
 class TlsTest : public ::testing::Test {
  protected:
-  static inline ExtrasTempDir* Dir = nullptr;
+  static inline TempDir* Dir = nullptr;
 
   // Two unrelated self-signed pairs for 127.0.0.1, made by the openssl command.
   static void SetUpTestSuite() {
-    Dir = new ExtrasTempDir();
+    Dir = new TempDir();
     Dir->Write("page.html", "hello over tls");
     if (TestOnWindows()) return;
     for (std::string pair : {"", "other-"})
-      ASSERT_EQ(ExtrasRun("openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost"
-                          " -addext subjectAltName=IP:127.0.0.1 -keyout '" + Dir->File(pair + "key.pem") +
-                          "' -out '" + Dir->File(pair + "cert.pem") + "' >/dev/null 2>&1"), 0);
+      ASSERT_EQ(RunCommand("openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=localhost"
+                          " -addext subjectAltName=IP:127.0.0.1 -keyout '" + Dir->Join(pair + "key.pem") +
+                          "' -out '" + Dir->Join(pair + "cert.pem") + "' >/dev/null 2>&1"), 0);
   }
   static void TearDownTestSuite() { delete Dir; }
 
   void Configure(CHttpServer& srv, const char* cert, const char* key) {
     srv.SetHomeDir(Dir->Path().c_str());
-    srv.SslCertFile = Dir->File(cert).c_str();
-    srv.SslKeyFile = Dir->File(key).c_str();
+    srv.SslCertFile = Dir->Join(cert).c_str();
+    srv.SslKeyFile = Dir->Join(key).c_str();
     srv.SslEnabled = true;
   }
   std::string Curl(unsigned short port) {
     std::string out;
-    return ExtrasRun("curl -s --max-time 20 --cacert '" + Dir->File("cert.pem") + "' https://127.0.0.1:" +
+    return RunCommand("curl -s --max-time 20 --cacert '" + Dir->Join("cert.pem") + "' https://127.0.0.1:" +
                      std::to_string(port) + "/page.html", &out) == 0 ? out : "<curl failed>";
   }
 };
@@ -86,7 +91,7 @@ TEST_F(TlsTest, RealClientAndAFailedHandshake) {
   CHttpServer srv;
   Configure(srv, "cert.pem", "key.pem");
   srv.OnSslError = CountSslError;
-  unsigned short port = ExtrasStartServer(srv);
+  unsigned short port = StartOnFreePort(srv);
   ASSERT_NE(port, 0);
   const int idle = OpenDescriptors();
   EXPECT_EQ(Curl(port), "hello over tls");
@@ -111,7 +116,7 @@ TEST_F(TlsTest, SilentAndTricklingClientsDelayNobody) {
   SKIP_WITHOUT_TLS();
   CHttpServer srv;
   Configure(srv, "cert.pem", "key.pem");
-  unsigned short port = ExtrasStartServer(srv);
+  unsigned short port = StartOnFreePort(srv);
   ASSERT_NE(port, 0);
   CSocket silent, trickling;
   silent.Connect("127.0.0.1", port);

@@ -1,3 +1,5 @@
+// Random bytes on POSIX systems: the kernel's getrandom where it exists,
+// /dev/urandom otherwise.
 #include "pl_random.h"
 
 #include <errno.h>

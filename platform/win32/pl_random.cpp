@@ -1,3 +1,4 @@
+// Random bytes on Windows, from the system's preferred generator.
 #include "pl_random.h"
 
 #include <windows.h>

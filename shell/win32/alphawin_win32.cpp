@@ -1,3 +1,6 @@
+// The Windows half of window fading: opacity through the layered-window calls
+// looked up at run time, timers on the window's own thread, and the window
+// procedure that tells the fader what happens to the window.
 #include "alphawin_win32.h"
 
 #include <cstdio>

@@ -1,3 +1,5 @@
+// Hosting the browser control: the OLE site, frame and document-host objects
+// it talks to, its events, and navigation requested by the player.
 #include "browser_host.h"
 
 #include <exdispid.h>

@@ -1,3 +1,5 @@
+// The player's main window on Windows: its class, child windows, layout,
+// style changes and the status strip drawn by hand.
 #include "dlg_main.h"
 
 #include <commctrl.h>

@@ -7,15 +7,14 @@
 #include <string>
 
 #include "chttpserver.h"
-#include "loopback_peer.h"
-#include "server_support.h"
+#include "test_servers.h"
 
 // A server with a file, an engine that parses its arguments and the access
 // key on, so the fuzzer meets the admission checks as well as the parser.
 inline CHttpServer& FuzzServer() {
-  static srvtest::ScratchDir* home = [] {
+  static testsup::TempDir* home = [] {
     PlNetStartup();
-    auto* d = new srvtest::ScratchDir;
+    auto* d = new testsup::TempDir;
     d->Write("a.txt", "inside");
     d->Write("sub/index.html", "index");
     return d;
@@ -25,7 +24,7 @@ inline CHttpServer& FuzzServer() {
     s->SetHomeDir(home->Path().c_str());
     s->SetPortA(8080);
     s->DefDocs.Add("index.html");
-    s->EngsAdd("/echo", srvtest::EchoArgsEngine, HTTPS_OBJF_ENABLED);
+    s->EngsAdd("/echo", testsup::EchoArgsEngine, HTTPS_OBJF_ENABLED);
     s->SetMaxPostLen(1 << 20);
     return s;
   }();
@@ -33,7 +32,7 @@ inline CHttpServer& FuzzServer() {
 }
 
 inline void ServeOne(const std::string& request) {
-  LoopbackPair pair;
+  testsup::LoopbackPair pair;
   if (!pair.Send(request)) return;
   pair.CloseFar();  // the reply goes nowhere; the request ends where the data does
   HTTPS_CLIENT* client = new HTTPS_CLIENT();
