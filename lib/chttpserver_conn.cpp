@@ -8,10 +8,8 @@
 #include <cstring>
 #include <exception>
 
-
 namespace {
 
-const int kLineSize = 1024;
 const char kBlanks[] = "\n\r\t ";
 
 // The server subtracts this instead of a time-zone offset when it reads
