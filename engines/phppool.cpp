@@ -24,6 +24,9 @@ const unsigned kStopWaitMs = 5000;
 const int kRequestId = 1;
 const size_t kSendPiece = FCGI_MAX_CONTENT;
 const size_t kReceivePiece = 65536;
+// A receive from a worker waits at most this long before the request's
+// deadline is looked at again.
+const int kRecvSliceMs = 1000;
 
 unsigned MsLeft(uint64_t deadline) {
   uint64_t now = PlMonotonicMs();
@@ -48,6 +51,7 @@ struct PhpPool::Worker {
   PlProc* Proc = nullptr;
   std::string SocketPath;
   int Served = 0;
+  PlSocket Idle = PL_NO_SOCKET;  // the connection kept open for the next request
 };
 
 PhpPool::PhpPool() {}
@@ -273,6 +277,7 @@ bool PhpPool::Probe(Worker* w, CStr* why) {
 }
 
 void PhpPool::EndWorker(Worker* w) {
+  if (w->Idle != PL_NO_SOCKET) PlSockCloseConnected(w->Idle);
   PlProcessTerminate(w->Proc, 1);
   PlProcessWait(w->Proc, PL_PROC_INFINITE);
   PlProcessClose(w->Proc);
@@ -338,9 +343,10 @@ int PhpPool::Acquire(unsigned timeoutMs) {
   return -1;
 }
 
-void PhpPool::Release(int slot, bool broken) {
+void PhpPool::Release(int slot, bool broken, PlSocket keep) {
   PlLock g(Lock);
   Slot& s = Slots[(size_t)slot];
+  s.Current->Idle = keep;  // a busy slot's worker stays in place
   s.Busy = false;
   if (broken) s.Broken = true;
   if (broken || s.Spare) Wake.Set();
@@ -359,47 +365,86 @@ PhpRequest::~PhpRequest() {
 
 bool PhpRequest::Send(const CStrList& env, const void* body, size_t bodyLen) {
   Deadline = PlMonotonicMs() + Pool.TimeOutSec * 1000ull;
-  if (!Connect()) {
-    Outcome = PHP_RUN_NO_WORKER;
-    return false;
-  }
-  Outcome = PHP_RUN_DONE;
-  std::string records;
-  FcgiAddBeginRequest(records, kRequestId, FCGI_RESPONDER, false);
+  // Built before a worker is taken, and in a buffer each thread keeps: the
+  // records of a page request come to a kilobyte or two.
+  static thread_local std::string records;
+  records.clear();
+  FcgiAddBeginRequest(records, kRequestId, FCGI_RESPONDER, true);
   // php-cgi keeps the parameters in a list it builds by putting each new
   // one in front, and hands them to the script from that list: sent last
   // first, they reach $_SERVER in the order of env, as they do over CGI.
   FcgiAddParams(records, kRequestId, env, true);
-  // The body goes in pieces, never copied whole: uploads can be large.
   const char* p = static_cast<const char*>(body);
-  for (size_t sent = 0; sent < bodyLen && !Finished && !SendFailed; sent += kSendPiece) {
-    size_t piece = bodyLen - sent < kSendPiece ? bodyLen - sent : kSendPiece;
-    FcgiAddRecord(records, FCGI_STDIN, kRequestId, p + sent, piece);
-    SendRecords(records);
-    records.clear();
+  size_t sent = bodyLen < kSendPiece ? bodyLen : kSendPiece;
+  if (sent > 0) FcgiAddRecord(records, FCGI_STDIN, kRequestId, p, sent);
+  if (sent == bodyLen) FcgiAddRecord(records, FCGI_STDIN, kRequestId, nullptr, 0);
+  bool handedOver = SendFirst(records);
+  if (records.capacity() > 4 * kSendPiece) std::string().swap(records);  // after an upload
+  if (!handedOver) return false;
+  // The rest of a large body goes in pieces, never copied whole.
+  std::string piece;
+  for (; sent < bodyLen && !Finished && !SendFailed; sent += kSendPiece) {
+    size_t n = bodyLen - sent < kSendPiece ? bodyLen - sent : kSendPiece;
+    piece.clear();
+    FcgiAddRecord(piece, FCGI_STDIN, kRequestId, p + sent, n);
+    if (sent + n == bodyLen) FcgiAddRecord(piece, FCGI_STDIN, kRequestId, nullptr, 0);
+    SendRecords(piece);
   }
-  if (!Finished && !SendFailed) {
-    FcgiAddRecord(records, FCGI_STDIN, kRequestId, nullptr, 0);
-    SendRecords(records);
-  }
+  AllSent = !Finished && !SendFailed;
   return Outcome == PHP_RUN_DONE;
 }
 
-// A free worker and a connection to it. A worker found dead while idle is
-// marked for replacement and the next one is tried.
+// The records of a page request fit the socket's buffer: one send, no wait.
+// A kept connection that the worker closed while idle refuses it before
+// anything of the request has gone, so it is safe to go again on a new
+// one; once the first byte has gone, never.
+bool PhpRequest::SendFirst(const std::string& records) {
+  for (;;) {
+    if (!Connect()) {
+      Outcome = PHP_RUN_NO_WORKER;
+      return false;
+    }
+    Outcome = PHP_RUN_DONE;
+    int n = PlSockSendSome(Sock, records.data(), (int)records.size());
+    if (n < 0 && Kept) {
+      DropConnection();
+      continue;
+    }
+    if (n < 0) {
+      SendFailed = true;  // the worker stopped reading; its reply may still come
+    } else if ((size_t)n < records.size()) {
+      SendRecords(records, (size_t)n);
+    }
+    return Outcome == PHP_RUN_DONE;
+  }
+}
+
+void PhpRequest::DropConnection() {
+  PlSockCloseConnected(Sock);
+  Sock = PL_NO_SOCKET;
+  Kept = false;
+}
+
+// A free worker and a connection to it: the one it kept open, or a new
+// one. A worker found dead is marked for replacement and the next one is
+// tried.
 bool PhpRequest::Connect() {
   for (int attempt = 0; attempt <= Pool.WorkerCount() + 1; attempt++) {
-    SlotIndex = Pool.Acquire(Smaller(MsLeft(Deadline), Pool.WaitForWorkerMs));
-    if (SlotIndex < 0) return false;
-    std::string path;
-    {
+    if (SlotIndex < 0) {
+      SlotIndex = Pool.Acquire(Smaller(MsLeft(Deadline), Pool.WaitForWorkerMs));
+      if (SlotIndex < 0) return false;
       PlLock g(Pool.Lock);
-      PhpPool::Worker* w = Pool.Slots[(size_t)SlotIndex].Current;
-      Proc = w->Proc;
-      path = w->SocketPath;
+      Worker = Pool.Slots[(size_t)SlotIndex].Current;
+      Sock = Worker->Idle;
+      Worker->Idle = PL_NO_SOCKET;
+      Kept = Sock != PL_NO_SOCKET;
+      RecvSliceMs = kRecvSliceMs;
     }
-    Sock = PlSockLocalConnect(path.c_str());
     if (Sock != PL_NO_SOCKET) return true;
+    // The worker's record stays while its slot is ours: no lock needed.
+    Sock = PlSockLocalConnect(Worker->SocketPath.c_str());
+    if (Sock != PL_NO_SOCKET && PlSockSetRecvTimeoutMs(Sock, kRecvSliceMs)) return true;
+    if (Sock != PL_NO_SOCKET) DropConnection();
     Pool.Release(SlotIndex, true);
     SlotIndex = -1;
   }
@@ -408,8 +453,8 @@ bool PhpRequest::Connect() {
 
 // Writes while taking in what comes back: a script may answer before it
 // has read its whole input, and neither side must block the other.
-void PhpRequest::SendRecords(const std::string& records) {
-  size_t pos = 0;
+void PhpRequest::SendRecords(const std::string& records, size_t from) {
+  size_t pos = from;
   while (pos < records.size() && SlotIndex >= 0 && !Finished) {
     unsigned left = MsLeft(Deadline);
     if (left == 0) return End(PHP_RUN_TIMED_OUT);
@@ -446,13 +491,15 @@ int PhpRequest::Read(void* buf, int n) {
       return (int)k;
     }
     if (Finished || SlotIndex < 0) return 0;
+    // The receive itself waits, in slices, so no poll goes before it; the
+    // last slice ends at the deadline.
     unsigned left = MsLeft(Deadline);
-    int ready = left ? PlSockPoll(Sock, PL_SOCK_IN, (int)left) : 0;
-    if (ready == 0) {
+    if (left == 0) {
       End(PHP_RUN_TIMED_OUT);
-    } else if (ready < 0) {
+    } else if (left < (unsigned)RecvSliceMs && !PlSockSetRecvTimeoutMs(Sock, (int)left)) {
       End(PHP_RUN_WORKER_LOST);
     } else {
+      RecvSliceMs = left < (unsigned)RecvSliceMs ? (int)left : RecvSliceMs;
       ReceiveSome();
     }
   }
@@ -462,12 +509,13 @@ bool PhpRequest::ReceiveSome() {
   // Into a buffer of its own: growing In by a whole piece first would clear
   // that many bytes for every read, most of a small page's cost.
   char piece[16384];
-  int n = PlSockRecv(Sock, piece, (int)sizeof piece);
-  if (n > 0) In.append(piece, (size_t)n);
+  int n = PlSockRecvTimed(Sock, piece, (int)sizeof piece);
+  if (n == PL_SOCK_NOTHING_YET) return true;  // a slice passed; the caller checks the deadline
   if (n <= 0) {
     End(PHP_RUN_WORKER_LOST);  // gone before its end record
     return false;
   }
+  In.append(piece, (size_t)n);
   TakeRecords();
   return SlotIndex >= 0;
 }
@@ -522,15 +570,19 @@ void PhpRequest::TakeStderr(const char* data, size_t len, bool flush) {
 }
 
 // The request is over: a worker that did not finish cleanly is ended now
-// (a timed-out script stops at once) and replaced by the supervisor.
+// (a timed-out script stops at once) and replaced by the supervisor. A
+// clean end leaves the connection open for the worker's next request, as
+// long as nothing of this one is left in it either way.
 void PhpRequest::End(PhpRunResult outcome) {
   if (SlotIndex < 0) return;
   Outcome = outcome;
   Finished = true;
   bool broken = outcome != PHP_RUN_DONE;
-  if (broken) PlProcessTerminate(Proc, 1);
-  PlSockClose(Sock);
+  if (broken) PlProcessTerminate(Worker->Proc, 1);
+  bool keep = !broken && AllSent && InPos == In.size() &&
+              (RecvSliceMs == kRecvSliceMs || PlSockSetRecvTimeoutMs(Sock, kRecvSliceMs));
+  if (!keep) DropConnection();
+  Pool.Release(SlotIndex, broken, Sock);
   Sock = PL_NO_SOCKET;
-  Pool.Release(SlotIndex, broken);
   SlotIndex = -1;
 }

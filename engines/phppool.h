@@ -93,7 +93,8 @@ class PhpPool {
 
   int SpareAt() const { return RequestsPerWorker - RequestsPerWorker / 5; }
   int Acquire(unsigned timeoutMs);  // a slot index, -1 when none
-  void Release(int slot, bool broken);
+  // keep: the request's connection, left open for the worker's next request.
+  void Release(int slot, bool broken, PlSocket keep = PL_NO_SOCKET);
 
   PlMutex Lock;
   PlEvent Wake;         // the supervisor has work
@@ -116,6 +117,9 @@ class PhpPool {
 // One request on one worker: Send, then Read until it gives 0, then
 // Result. Stream order is kept: the script's output comes out of Read as
 // the interpreter wrote it, error lines go to the callback as they come.
+// A worker's connection stays open from one request to the next (FastCGI's
+// keep-connection flag), so neither side connects, accepts or closes per
+// request.
 class PhpRequest {
  public:
   explicit PhpRequest(PhpPool& pool, PhpStderrFunc onStderr = nullptr, void* context = nullptr);
@@ -137,7 +141,9 @@ class PhpRequest {
 
  private:
   bool Connect();
-  void SendRecords(const std::string& records);
+  bool SendFirst(const std::string& records);
+  void DropConnection();
+  void SendRecords(const std::string& records, size_t from = 0);
   bool ReceiveSome();  // false once the request has ended
   void TakeRecords();
   void TakeStderr(const char* data, size_t len, bool flush);
@@ -147,8 +153,11 @@ class PhpRequest {
   PhpStderrFunc OnStderr;
   void* Context;
   int SlotIndex = -1;
-  PlProc* Proc = nullptr;
+  PhpPool::Worker* Worker = nullptr;  // the slot's worker, ours while the slot is
   PlSocket Sock = PL_NO_SOCKET;
+  bool Kept = false;     // Sock served an earlier request
+  int RecvSliceMs = 0;   // the receive time-out Sock has now
+  bool AllSent = false;  // every record of the request went out
   uint64_t Deadline = 0;
   std::string In;        // received bytes not yet taken apart
   size_t InPos = 0;

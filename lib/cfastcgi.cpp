@@ -69,19 +69,51 @@ void FcgiAddNameValue(std::string& out, const char* name, size_t nameLen, const 
   out.append(value, valueLen);
 }
 
-void FcgiAddParams(std::string& out, int requestId, const CStrList& env, bool lastFirst) {
-  std::string pairs;
+namespace {
+
+size_t EncodedLength(size_t len) { return len < 128 ? 1 : 4; }
+
+// Calls fn(name, nameLen, value, valueLen) for every entry, in the order
+// asked for. An entry without '=' is a name with an empty value.
+template <class Fn>
+void ForEachParam(const CStrList& env, bool lastFirst, Fn fn) {
   for (const __cstr_list* n = lastFirst ? env.Last : env.Beg; n; n = lastFirst ? n->Prev : n->Next) {
     const char* entry = n->Str.Str ? n->Str.Str : "";
     size_t len = (size_t)n->Str.Len;
     const char* eq = static_cast<const char*>(memchr(entry, '=', len));
     size_t nameLen = eq ? (size_t)(eq - entry) : len;
     const char* value = eq ? eq + 1 : entry + len;
-    FcgiAddNameValue(pairs, entry, nameLen, value, len - nameLen - (eq ? 1 : 0));
+    fn(entry, nameLen, value, len - nameLen - (eq ? 1 : 0));
   }
-  // A pair may straddle two records: the application joins the stream
-  // before it reads the pairs.
-  if (!pairs.empty()) FcgiAddRecord(out, FCGI_PARAMS, requestId, pairs.data(), pairs.size());
+}
+
+}  // namespace
+
+void FcgiAddParams(std::string& out, int requestId, const CStrList& env, bool lastFirst) {
+  size_t total = 0;
+  ForEachParam(env, lastFirst, [&](const char*, size_t nameLen, const char*, size_t valueLen) {
+    total += EncodedLength(nameLen) + EncodedLength(valueLen) + nameLen + valueLen;
+  });
+  auto writeInto = [&env, lastFirst](std::string& to) {
+    ForEachParam(env, lastFirst, [&to](const char* name, size_t nameLen, const char* value, size_t valueLen) {
+      FcgiAddNameValue(to, name, nameLen, value, valueLen);
+    });
+  };
+  if (total > FCGI_MAX_CONTENT) {
+    // A pair may straddle two records: the application joins the stream
+    // before it reads the pairs.
+    std::string pairs;
+    pairs.reserve(total);
+    writeInto(pairs);
+    FcgiAddRecord(out, FCGI_PARAMS, requestId, pairs.data(), pairs.size());
+  } else if (total > 0) {
+    // The usual case: one record, the pairs written straight into it.
+    size_t padding = (8 - total % 8) % 8;
+    out.reserve(out.size() + 2 * FCGI_HEADER_LEN + total + padding);
+    AddHeader(out, FCGI_PARAMS, requestId, total, padding);
+    writeInto(out);
+    out.append(padding, '\0');
+  }
   FcgiAddRecord(out, FCGI_PARAMS, requestId, nullptr, 0);
 }
 
