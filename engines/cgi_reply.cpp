@@ -5,7 +5,6 @@
 #include <cstring>
 #include <vector>
 
-#include "clog.h"
 
 namespace {
 
@@ -14,16 +13,51 @@ const size_t kNone = std::string::npos;
 
 // ---------------------------------------------------------------- environment
 
+// "NAME=value" assembled in a buffer the thread keeps, then copied once
+// into the list: a page's forty-odd variables cost no more allocations
+// than the list itself makes.
+std::string& EntryBuffer() {
+  static thread_local std::string entry;
+  return entry;
+}
+
+void AddVar(CStrList& env, const char* nameEq, const char* value, size_t valueLen) {
+  std::string& entry = EntryBuffer();
+  entry.assign(nameEq);
+  entry.append(value, valueLen);
+  env.Add(entry.c_str());
+}
+
 void AddVar(CStrList& env, const char* nameEq, const CStr& value) {
-  CStr entry(nameEq);
-  entry.Cat(value);
-  env.Add(entry);
+  AddVar(env, nameEq, value.Str ? value.Str : "", (size_t)value.Len);
+}
+
+// Decimal digits of v into the end of buf; returns where they start.
+char* Digits(unsigned long long v, char* end) {
+  *--end = 0;
+  do *--end = (char)('0' + v % 10);
+  while (v /= 10);
+  return end;
 }
 
 void AddVar(CStrList& env, const char* nameEq, int value) {
-  CStr entry(nameEq);
-  entry.CatInt(value);
-  env.Add(entry);
+  char buf[24];
+  char* p = Digits(value < 0 ? 0ull - (unsigned long long)value : (unsigned long long)value, buf + sizeof buf);
+  if (value < 0) *--p = '-';
+  AddVar(env, nameEq, p, strlen(p));
+}
+
+// The dotted form of an address in network byte order.
+void AddAddress(CStrList& env, const char* nameEq, unsigned ip) {
+  const unsigned char* b = reinterpret_cast<const unsigned char*>(&ip);
+  char buf[16];
+  char* p = buf;
+  for (int i = 0; i < 4; i++) {
+    char digits[4];
+    for (const char* d = Digits(b[i], digits + sizeof digits); *d;) *p++ = *d++;
+    *p++ = i < 3 ? '.' : 0;
+  }
+  AddVar(env, nameEq, buf, (size_t)(p - 1 - buf));
 }
 
 // Copies one of the few variables of our own environment that the
@@ -31,10 +65,11 @@ void AddVar(CStrList& env, const char* nameEq, int value) {
 void AddInherited(CStrList& env, const char* name) {
   const char* value = getenv(name);
   if (!value) return;
-  CStr entry(name);
-  entry.CatChar('=');
-  entry.Cat(value);
-  env.Add(entry);
+  std::string& entry = EntryBuffer();
+  entry.assign(name);
+  entry += '=';
+  entry += value;
+  env.Add(entry.c_str());
 }
 
 // A header variable exists only when the client sent the header: scripts
@@ -50,20 +85,14 @@ const char* const kNotPassedOn[] = {"Accept", "Accept-Language", "Accept-Encodin
                                     "Cookie", "Host",           "Referer",         "User-Agent",
                                     "Content-Type", "Content-Length", "Proxy"};
 
-bool SameIC(const char* a, const char* b) {
-  for (; *a && *b; ++a, ++b)
-    if (tolower((unsigned char)*a) != tolower((unsigned char)*b)) return false;
-  return *a == *b;
-}
-
 // Only letters, digits and "-": a name with "_" or other signs could pass
 // itself off as another header once "-" has become "_".
-bool PassedOn(const std::string& name) {
-  if (name.empty()) return false;
-  for (char ch : name)
-    if (!isalnum((unsigned char)ch) && ch != '-') return false;
+bool PassedOn(const char* name, size_t len) {
+  if (len == 0) return false;
+  for (size_t i = 0; i < len; i++)
+    if (!isalnum((unsigned char)name[i]) && name[i] != '-') return false;
   for (const char* skip : kNotPassedOn)
-    if (SameIC(name.c_str(), skip)) return false;
+    if (strlen(skip) == len && StrCompareIC(name, skip, (long long)len) == 0) return false;
   return true;
 }
 
@@ -72,22 +101,23 @@ bool PassedOn(const std::string& name) {
 void AddOtherHeaders(CStrList& env, HTTPS_CLIENT* c) {
   std::vector<std::string> vars, values;
   for (int i = 0; i < c->InHeaders.Count(); i++) {
-    std::string entry = c->InHeaders[i]->c_str();
-    size_t colon = entry.find(": ");
-    if (colon == kNone || !PassedOn(entry.substr(0, colon))) continue;
+    const char* entry = c->InHeaders[i]->c_str();
+    const char* colon = strstr(entry, ": ");
+    if (!colon || !PassedOn(entry, (size_t)(colon - entry))) continue;
     std::string var = "HTTP_";
-    for (size_t k = 0; k < colon; k++) var += entry[k] == '-' ? '_' : (char)toupper((unsigned char)entry[k]);
-    std::string value = entry.substr(colon + 2);
+    for (const char* k = entry; k < colon; k++) var += *k == '-' ? '_' : (char)toupper((unsigned char)*k);
+    const char* value = colon + 2;
     size_t at = 0;
     while (at < vars.size() && vars[at] != var) at++;
     if (at < vars.size()) {
-      values[at] += ", " + value;
+      values[at] += ", ";
+      values[at] += value;
     } else {
       vars.push_back(var);
       values.push_back(value);
     }
   }
-  for (size_t i = 0; i < vars.size(); i++) env.Add((vars[i] + "=" + values[i]).c_str());
+  for (size_t i = 0; i < vars.size(); i++) AddVar(env, (vars[i] + "=").c_str(), values[i].data(), values[i].size());
 }
 
 // ---------------------------------------------------------------- reply
@@ -191,23 +221,22 @@ size_t GatherHead(CgiOutput& out, std::string& data) {
 
 void CgiBuildEnvironment(CHttpServer* server, HTTPS_CLIENT* c, const CStr& scriptFile, CStrList& env) {
   bool body = CHttpServer::HasRequestBody(c->Method);
-  CStr port;
-  port.SetInt(server->GetPort());
-  CStr remote = CLog::FormatIP(c->Ip);
+  char portBuf[24];
+  const char* port = Digits((unsigned)server->GetPort(), portBuf + sizeof portBuf);
 
   AddInherited(env, "COMSPEC");
   if (body) {
     if (c->Method == CHttpServer::HTTPS_MET_POST || HttpsHeader(c, "Content-Length"))
       AddVar(env, "CONTENT_LENGTH=", c->PostLen);
     // As sent: the boundary of a multipart body must reach the script whole.
-    if (const char* type = HttpsHeader(c, "Content-Type")) AddVar(env, "CONTENT_TYPE=", CStr(type));
+    if (const char* type = HttpsHeader(c, "Content-Type")) AddVar(env, "CONTENT_TYPE=", type, strlen(type));
   }
   AddVar(env, "QUERY_STRING=", c->QueryStr);
   AddVar(env, "DOCUMENT_ROOT=", server->GetHomeDir());
   env.Add("GATEWAY_INTERFACE=CGI/1.1");
   AddIfSent(env, c, "Accept", "HTTP_ACCEPT=", c->InAccept);
   AddIfSent(env, c, "Accept-Language", "HTTP_ACCEPT_LANGUAGE=", c->AcceptLanguage);
-  if (const char* enc = HttpsHeader(c, "Accept-Encoding")) AddVar(env, "HTTP_ACCEPT_ENCODING=", CStr(enc));
+  if (const char* enc = HttpsHeader(c, "Accept-Encoding")) AddVar(env, "HTTP_ACCEPT_ENCODING=", enc, strlen(enc));
   AddIfSent(env, c, "Connection", "HTTP_CONNECTION=", c->InConnection);
   // The server has already taken its own cookies out of this one.
   if (!c->InCookies.IsEmpty()) AddVar(env, "HTTP_COOKIE=", c->InCookies);
@@ -224,21 +253,22 @@ void CgiBuildEnvironment(CHttpServer* server, HTTPS_CLIENT* c, const CStr& scrip
     translated.NativePath();
     AddVar(env, "PATH_TRANSLATED=", translated);
   }
-  AddVar(env, "REMOTE_ADDR=", remote);
-  AddVar(env, "REMOTE_HOST=", remote);
+  AddAddress(env, "REMOTE_ADDR=", c->Ip);
+  AddAddress(env, "REMOTE_HOST=", c->Ip);
   AddVar(env, "REMOTE_PORT=", (int)c->Port);
-  AddVar(env, "REQUEST_METHOD=", CStr(server->GetMethodStr(c->Method)));
+  const char* method = server->GetMethodStr(c->Method);
+  AddVar(env, "REQUEST_METHOD=", method, strlen(method));
   AddVar(env, "REQUEST_URI=", c->Target.IsEmpty() ? c->Arg : c->Target);
   AddVar(env, "SCRIPT_FILENAME=", scriptFile);
   AddVar(env, "SCRIPT_NAME=", c->Arg);
-  AddVar(env, "SERVER_ADDR=", CLog::FormatIP(c->LocalIp));
+  AddAddress(env, "SERVER_ADDR=", c->LocalIp);
   env.Add("SERVER_NAME=localhost");
-  AddVar(env, "SERVER_PORT=", port);
+  AddVar(env, "SERVER_PORT=", port, strlen(port));
   env.Add("SERVER_PROTOCOL=HTTP/1.1");
-  CStr signature("SERVER_SIGNATURE=<ADDRESS>Lumetta/1.0.3 Server at localhost Port ");
-  signature.Cat(port);
-  signature.Cat("</ADDRESS>");
-  env.Add(signature);
+  std::string signature = port;
+  signature += "</ADDRESS>";
+  AddVar(env, "SERVER_SIGNATURE=<ADDRESS>Lumetta/1.0.3 Server at localhost Port ", signature.data(),
+         signature.size());
   env.Add("SERVER_SOFTWARE=Lumetta/1.0.3 (Windows)");
   AddInherited(env, "SystemDrive");
   AddInherited(env, "SystemRoot");
