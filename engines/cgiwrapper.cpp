@@ -87,7 +87,7 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
     return true;
   }
 
-  CStrList env;
+  CgiEnv env;
   PhpAddOptionsEnvironment(obj->Path, env);
   CgiBuildEnvironment(server, client, script, env);
   CStr cmd = CommandLine(obj, script);
@@ -101,7 +101,9 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
   pipe.TimeOut = CgiTimeOut;
   server->PrintLog(client->Ip, "CGI Start %s", cmd.c_str());
   bool body = CHttpServer::HasRequestBody(client->Method);
-  pipe.Open(cmd.c_str(), dir.c_str(), &env,
+  CStrList envList;
+  env.ToList(envList);
+  pipe.Open(cmd.c_str(), dir.c_str(), &envList,
             CPIPE_BINARY | CPIPE_NOWINDOW | CPIPE_READ | CPIPE_STDERR | (body ? CPIPE_WRITE : 0));
   CgiErrorLog errors(server, client->Ip, client->Arg);
   ErrorDrain drain{&pipe, &errors};

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "cfastcgi.h"
 #include "pl_fs.h"
 #include "pl_process.h"
 
@@ -364,6 +363,12 @@ PhpRequest::~PhpRequest() {
 }
 
 bool PhpRequest::Send(const CStrList& env, const void* body, size_t bodyLen) {
+  std::vector<FcgiParam> params;
+  FcgiParamsOf(env, params);
+  return Send(params, body, bodyLen);
+}
+
+bool PhpRequest::Send(const std::vector<FcgiParam>& env, const void* body, size_t bodyLen) {
   Deadline = PlMonotonicMs() + Pool.TimeOutSec * 1000ull;
   // Built before a worker is taken, and in a buffer each thread keeps: the
   // records of a page request come to a kilobyte or two.

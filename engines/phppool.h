@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "cfastcgi.h"
 #include "cstr.h"
 #include "pl_net.h"
 #include "pl_thread.h"
@@ -130,6 +131,7 @@ class PhpRequest {
   // env: "NAME=value" entries in order (they become the FastCGI
   // parameters); body: the request body (the script's standard input).
   // False when the request could not be handed over; Result() says why.
+  bool Send(const std::vector<FcgiParam>& env, const void* body, size_t bodyLen);
   bool Send(const CStrList& env, const void* body, size_t bodyLen);
   // Up to n bytes of the script's output; 0 at its end, after a time-out or
   // a lost worker.

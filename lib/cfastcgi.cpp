@@ -16,15 +16,17 @@ void AddHeader(std::string& out, int type, int requestId, size_t contentLen, siz
   out.append(reinterpret_cast<char*>(h), sizeof h);
 }
 
-void AddLength(std::string& out, size_t len) {
+// Writes the length in its 1- or 4-byte form; returns the bytes written.
+size_t PutLength(char* p, size_t len) {
   if (len < 128) {
-    out += (char)len;
-    return;
+    p[0] = (char)len;
+    return 1;
   }
-  out += (char)(0x80 | ((len >> 24) & 0x7F));
-  out += (char)(len >> 16);
-  out += (char)(len >> 8);
-  out += (char)len;
+  p[0] = (char)(0x80 | ((len >> 24) & 0x7F));
+  p[1] = (char)(len >> 16);
+  p[2] = (char)(len >> 8);
+  p[3] = (char)len;
+  return 4;
 }
 
 bool TakeLength(const unsigned char*& p, const unsigned char* end, size_t* len) {
@@ -63,8 +65,10 @@ void FcgiAddBeginRequest(std::string& out, int requestId, int role, bool keepCon
 }
 
 void FcgiAddNameValue(std::string& out, const char* name, size_t nameLen, const char* value, size_t valueLen) {
-  AddLength(out, nameLen);
-  AddLength(out, valueLen);
+  char lengths[8];
+  size_t n = PutLength(lengths, nameLen);
+  n += PutLength(lengths + n, valueLen);
+  out.append(lengths, n);
   out.append(name, nameLen);
   out.append(value, valueLen);
 }
@@ -76,10 +80,11 @@ size_t EncodedLength(size_t len) { return len < 128 ? 1 : 4; }
 // Calls fn(name, nameLen, value, valueLen) for every entry, in the order
 // asked for. An entry without '=' is a name with an empty value.
 template <class Fn>
-void ForEachParam(const CStrList& env, bool lastFirst, Fn fn) {
-  for (const __cstr_list* n = lastFirst ? env.Last : env.Beg; n; n = lastFirst ? n->Prev : n->Next) {
-    const char* entry = n->Str.Str ? n->Str.Str : "";
-    size_t len = (size_t)n->Str.Len;
+void ForEachParam(const std::vector<FcgiParam>& env, bool lastFirst, Fn fn) {
+  for (size_t i = 0; i < env.size(); i++) {
+    const FcgiParam& param = env[lastFirst ? env.size() - 1 - i : i];
+    const char* entry = param.Text;
+    size_t len = param.Len;
     const char* eq = static_cast<const char*>(memchr(entry, '=', len));
     size_t nameLen = eq ? (size_t)(eq - entry) : len;
     const char* value = eq ? eq + 1 : entry + len;
@@ -89,7 +94,19 @@ void ForEachParam(const CStrList& env, bool lastFirst, Fn fn) {
 
 }  // namespace
 
+void FcgiParamsOf(const CStrList& env, std::vector<FcgiParam>& params) {
+  params.clear();
+  for (const __cstr_list* n = env.Beg; n; n = n->Next)
+    params.push_back(FcgiParam{n->Str.Str ? n->Str.Str : "", (size_t)n->Str.Len});
+}
+
 void FcgiAddParams(std::string& out, int requestId, const CStrList& env, bool lastFirst) {
+  std::vector<FcgiParam> params;
+  FcgiParamsOf(env, params);
+  FcgiAddParams(out, requestId, params, lastFirst);
+}
+
+void FcgiAddParams(std::string& out, int requestId, const std::vector<FcgiParam>& env, bool lastFirst) {
   size_t total = 0;
   ForEachParam(env, lastFirst, [&](const char*, size_t nameLen, const char*, size_t valueLen) {
     total += EncodedLength(nameLen) + EncodedLength(valueLen) + nameLen + valueLen;
