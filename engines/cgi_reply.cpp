@@ -291,6 +291,7 @@ void CgiEnv::Add(const char* nameEq, const char* value, size_t valueLen) {
 
 void CgiEnv::Params(std::vector<FcgiParam>& params) const {
   params.clear();
+  params.reserve(Ends.size());
   size_t start = 0;
   for (size_t end : Ends) {
     params.push_back(FcgiParam{Text.data() + start, end - start});

@@ -64,18 +64,32 @@ void FcgiAddBeginRequest(std::string& out, int requestId, int role, bool keepCon
   FcgiAddRecord(out, FCGI_BEGIN_REQUEST, requestId, body, sizeof body);
 }
 
-void FcgiAddNameValue(std::string& out, const char* name, size_t nameLen, const char* value, size_t valueLen) {
-  char lengths[8];
-  size_t n = PutLength(lengths, nameLen);
-  n += PutLength(lengths + n, valueLen);
-  out.append(lengths, n);
-  out.append(name, nameLen);
-  out.append(value, valueLen);
-}
-
 namespace {
 
 size_t EncodedLength(size_t len) { return len < 128 ? 1 : 4; }
+
+size_t NameValueSize(size_t nameLen, size_t valueLen) {
+  return EncodedLength(nameLen) + EncodedLength(valueLen) + nameLen + valueLen;
+}
+
+// Writes one pair at p, which has room for it; returns its end.
+char* PutNameValue(char* p, const char* name, size_t nameLen, const char* value, size_t valueLen) {
+  p += PutLength(p, nameLen);
+  p += PutLength(p, valueLen);
+  memcpy(p, name, nameLen);
+  memcpy(p + nameLen, value, valueLen);
+  return p + nameLen + valueLen;
+}
+
+}  // namespace
+
+void FcgiAddNameValue(std::string& out, const char* name, size_t nameLen, const char* value, size_t valueLen) {
+  size_t at = out.size();
+  out.resize(at + NameValueSize(nameLen, valueLen));
+  PutNameValue(&out[at], name, nameLen, value, valueLen);
+}
+
+namespace {
 
 // Calls fn(name, nameLen, value, valueLen) for every entry, in the order
 // asked for. An entry without '=' is a name with an empty value.
@@ -96,6 +110,7 @@ void ForEachParam(const std::vector<FcgiParam>& env, bool lastFirst, Fn fn) {
 
 void FcgiParamsOf(const CStrList& env, std::vector<FcgiParam>& params) {
   params.clear();
+  params.reserve((size_t)env.Count());
   for (const __cstr_list* n = env.Beg; n; n = n->Next)
     params.push_back(FcgiParam{n->Str.Str ? n->Str.Str : "", (size_t)n->Str.Len});
 }
@@ -108,28 +123,28 @@ void FcgiAddParams(std::string& out, int requestId, const CStrList& env, bool la
 
 void FcgiAddParams(std::string& out, int requestId, const std::vector<FcgiParam>& env, bool lastFirst) {
   size_t total = 0;
-  ForEachParam(env, lastFirst, [&](const char*, size_t nameLen, const char*, size_t valueLen) {
-    total += EncodedLength(nameLen) + EncodedLength(valueLen) + nameLen + valueLen;
+  ForEachParam(env, lastFirst, [&total](const char*, size_t nameLen, const char*, size_t valueLen) {
+    total += NameValueSize(nameLen, valueLen);
   });
-  auto writeInto = [&env, lastFirst](std::string& to) {
-    ForEachParam(env, lastFirst, [&to](const char* name, size_t nameLen, const char* value, size_t valueLen) {
-      FcgiAddNameValue(to, name, nameLen, value, valueLen);
-    });
-  };
-  if (total > FCGI_MAX_CONTENT) {
-    // A pair may straddle two records: the application joins the stream
-    // before it reads the pairs.
+  if (total > 0) {
+    // Written straight into their place: the usual case is one record.
+    const bool oneRecord = total <= FCGI_MAX_CONTENT;
     std::string pairs;
-    pairs.reserve(total);
-    writeInto(pairs);
-    FcgiAddRecord(out, FCGI_PARAMS, requestId, pairs.data(), pairs.size());
-  } else if (total > 0) {
-    // The usual case: one record, the pairs written straight into it.
+    std::string& into = oneRecord ? out : pairs;
     size_t padding = (8 - total % 8) % 8;
-    out.reserve(out.size() + 2 * FCGI_HEADER_LEN + total + padding);
-    AddHeader(out, FCGI_PARAMS, requestId, total, padding);
-    writeInto(out);
-    out.append(padding, '\0');
+    if (oneRecord) AddHeader(out, FCGI_PARAMS, requestId, total, padding);
+    size_t at = into.size();
+    into.resize(at + total);
+    char* p = &into[at];
+    ForEachParam(env, lastFirst, [&p](const char* name, size_t nameLen, const char* value, size_t valueLen) {
+      p = PutNameValue(p, name, nameLen, value, valueLen);
+    });
+    // Otherwise a pair may straddle two records: the application joins the
+    // stream before it reads the pairs.
+    if (oneRecord)
+      out.append(padding, '\0');
+    else
+      FcgiAddRecord(out, FCGI_PARAMS, requestId, pairs.data(), pairs.size());
   }
   FcgiAddRecord(out, FCGI_PARAMS, requestId, nullptr, 0);
 }
