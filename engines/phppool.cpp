@@ -1,5 +1,6 @@
 #include "phppool.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "pl_fs.h"
@@ -15,7 +16,6 @@ namespace {
 // warm successor shortly before.
 const int kPhpOwnLimitMargin = 100;
 const int kFailedStartsToGiveUp = 3;
-const unsigned kTickMs = 100;  // slice of a request's wait for a free worker
 // The supervisor is woken for every change a request notices; the tick
 // only catches a worker that died while idle before a request finds it.
 const unsigned kSuperviseTickMs = 500;
@@ -102,7 +102,7 @@ void PhpPool::Stop() {
     PlLock g(Lock);
     Stopping = true;
     Running = false;
-    SlotFreed.Set();
+    WakeAllWaiters();
     Wake.Set();
   }
   PlThreadWait(Supervisor, PL_INFINITE);
@@ -166,8 +166,8 @@ void PhpPool::SwapInSpares(std::vector<Worker*>& retired) {
     s.Current = s.Spare;
     s.Spare = nullptr;
     s.Broken = false;
-    if (s.Current) SlotFreed.Set();
   }
+  HandOutFreeSlots();
 }
 
 void PhpPool::StartMissingWorkers(bool firstRound) {
@@ -189,14 +189,14 @@ void PhpPool::StartMissingWorkers(bool firstRound) {
         Failed = true;
         Failure = why;  // before Running: a caller that sees the pool stopped may read it
         Running = false;
-        SlotFreed.Set();
+        WakeAllWaiters();
       }
       continue;
     }
     FailedStarts = 0;
     Slot& s = Slots[i];
     (s.Current ? s.Spare : s.Current) = w;
-    SlotFreed.Set();
+    HandOutFreeSlots();
   }
 }
 
@@ -315,31 +315,52 @@ void PhpPool::EndAllWorkers() {
 // ---------------------------------------------------------------- slots
 
 int PhpPool::Acquire(unsigned timeoutMs) {
-  uint64_t deadline = PlMonotonicMs() + timeoutMs;
-  Lock.Lock();
-  for (;;) {
-    if (!Running) break;
-    // Taken in turn, so every worker stays warm and none reaches its end
-    // long before the others.
-    for (size_t k = 0; k < Slots.size(); k++) {
-      size_t i = (NextSlot + k) % Slots.size();
-      Slot& s = Slots[i];
-      if (s.Busy || s.Broken || !s.Current || s.Current->Served >= RequestsPerWorker) continue;
-      NextSlot = i + 1;
-      s.Busy = true;
-      if (++s.Current->Served >= SpareAt() && !s.Spare) Wake.Set();
-      Lock.Unlock();
-      return (int)i;
-    }
-    unsigned left = MsLeft(deadline);
-    if (left == 0) break;
-    SlotFreed.Reset();
-    Lock.Unlock();
-    SlotFreed.Wait(Smaller(left, kTickMs));
-    Lock.Lock();
+  Waiter me;
+  {
+    PlLock g(Lock);
+    if (!Running) return -1;
+    int slot = TakeFreeSlot();
+    if (slot >= 0 || timeoutMs == 0) return slot;
+    Waiting.push_back(&me);
   }
-  Lock.Unlock();
+  me.Ready.Wait(timeoutMs);
+  PlLock g(Lock);
+  // Handed a slot or not, me leaves the queue before it goes out of scope.
+  auto it = std::find(Waiting.begin(), Waiting.end(), &me);
+  if (it != Waiting.end()) Waiting.erase(it);
+  return me.SlotIndex;
+}
+
+// Taken in turn, so every worker stays warm and none reaches its end long
+// before the others.
+int PhpPool::TakeFreeSlot() {
+  if (!Running) return -1;
+  for (size_t k = 0; k < Slots.size(); k++) {
+    size_t i = (NextSlot + k) % Slots.size();
+    Slot& s = Slots[i];
+    if (s.Busy || s.Broken || !s.Current || s.Current->Served >= RequestsPerWorker) continue;
+    NextSlot = i + 1;
+    s.Busy = true;
+    if (++s.Current->Served >= SpareAt() && !s.Spare) Wake.Set();
+    return (int)i;
+  }
   return -1;
+}
+
+void PhpPool::HandOutFreeSlots() {
+  while (!Waiting.empty()) {
+    int slot = TakeFreeSlot();
+    if (slot < 0) return;
+    Waiter* w = Waiting.front();
+    Waiting.pop_front();
+    w->SlotIndex = slot;
+    w->Ready.Set();  // under Lock: the waiter can't leave before this is done
+  }
+}
+
+void PhpPool::WakeAllWaiters() {
+  for (Waiter* w : Waiting) w->Ready.Set();
+  Waiting.clear();
 }
 
 void PhpPool::Release(int slot, bool broken, PlSocket keep) {
@@ -349,7 +370,7 @@ void PhpPool::Release(int slot, bool broken, PlSocket keep) {
   s.Busy = false;
   if (broken) s.Broken = true;
   if (broken || s.Spare) Wake.Set();
-  SlotFreed.Set();
+  HandOutFreeSlots();
 }
 
 // ---------------------------------------------------------------- request

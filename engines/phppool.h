@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -93,16 +94,25 @@ class PhpPool {
   void EndAllWorkers();
 
   int SpareAt() const { return RequestsPerWorker - RequestsPerWorker / 5; }
+  // A request waiting for a worker; a freed slot is handed to the one that
+  // has waited longest, and only that one is woken.
+  struct Waiter {
+    PlEvent Ready;
+    int SlotIndex = -1;
+  };
   int Acquire(unsigned timeoutMs);  // a slot index, -1 when none
+  int TakeFreeSlot();               // with Lock held; -1 when none is free
+  void HandOutFreeSlots();          // with Lock held
+  void WakeAllWaiters();            // with Lock held: the pool has stopped
   // keep: the request's connection, left open for the worker's next request.
   void Release(int slot, bool broken, PlSocket keep = PL_NO_SOCKET);
 
   PlMutex Lock;
   PlEvent Wake;         // the supervisor has work
-  PlEvent SlotFreed;    // a slot may have become free
   PlEvent FirstRound;   // the first workers are up (or failed)
   PlThread* Supervisor = nullptr;
   std::vector<Slot> Slots;
+  std::deque<Waiter*> Waiting;  // oldest first
   CStr CmdLine;
   std::string EnvBlock;  // "A=1\0B=2\0" and the final NUL of c_str()
   std::string SocketDir;
