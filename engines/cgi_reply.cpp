@@ -8,7 +8,11 @@
 
 namespace {
 
-const int kChunk = 4096;
+// The most the relay takes from the interpreter's output at a time, and so
+// the most it sends at once: a reader that has more at hand (a worker's
+// records) passes it on in fewer, larger sends.
+const int kRelayPiece = 16384;
+const int kLargestWrite = 65536;
 const size_t kNone = std::string::npos;
 
 // ---------------------------------------------------------------- environment
@@ -120,7 +124,7 @@ void AddIfSent(CgiEnv& env, const SentHeaders& sent, KnownHeader h, const char* 
 
 void SendAll(CSocket* sock, const char* buf, size_t len) {
   while (len > 0) {
-    int n = sock->Write(buf, (int)(len > (size_t)kChunk * 16 ? (size_t)kChunk * 16 : len));
+    int n = sock->Write(buf, (int)(len > (size_t)kLargestWrite ? (size_t)kLargestWrite : len));
     if (n <= 0) return;  // the client is gone; the output is still read to its end
     buf += n;
     len -= (size_t)n;
@@ -202,7 +206,7 @@ void TakeStatusFromHead(std::string& data, size_t& headEnd, CStr& status) {
 // Reads into data until the header block is complete, the limit is reached
 // or the output ends. Returns where the block ends, or kNone.
 size_t GatherHead(CgiOutput& out, std::string& data) {
-  char buf[kChunk];
+  char buf[kRelayPiece];
   while (data.size() < (size_t)CGI_MAX_HEAD_LEN) {
     int n = out.Read(buf, sizeof buf);
     if (n <= 0) break;
@@ -320,7 +324,7 @@ void CgiSendReply(CHttpServer* server, HTTPS_CLIENT* client, CgiOutput& out) {
   size_t sendEnd = headOnly ? headEnd : data.size();
   SendStatusAndServerLines(server, sock, status, data.data() + rest, rest < sendEnd ? sendEnd - rest : 0);
 
-  char buf[kChunk];
+  char buf[kRelayPiece];
   int n;
   while ((n = out.Read(buf, sizeof buf)) > 0)
     if (!headOnly) SendAll(sock, buf, (size_t)n);

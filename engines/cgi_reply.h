@@ -15,7 +15,8 @@
 class CgiOutput {
  public:
   virtual ~CgiOutput() {}
-  // Up to len bytes into buf; 0 once the output has ended.
+  // Up to len bytes into buf, as many as are at hand; 0 once the output
+  // has ended.
   virtual int Read(char* buf, int len) = 0;
 };
 

@@ -25,11 +25,12 @@ const int kChunk = 4096;
 const char kPhpFallbackOptions[] = "-d cgi.force_redirect=0 -d cgi.fix_pathinfo=1";
 const char kSystemPhpFallbackLimits[] = " -d post_max_size=64M -d upload_max_filesize=64M";
 
-// The interpreter's standard output, read from its pipe.
+// The interpreter's standard output, read from its pipe in pieces of at
+// most 4 KiB, as the gateway always has.
 class PipeOutput : public CgiOutput {
  public:
   explicit PipeOutput(CPipeStream& pipe) : Pipe(pipe) {}
-  int Read(char* buf, int len) override { return (int)Pipe.Read(buf, (unsigned)len); }
+  int Read(char* buf, int len) override { return (int)Pipe.Read(buf, (unsigned)(len < kChunk ? len : kChunk)); }
 
  private:
   CPipeStream& Pipe;
