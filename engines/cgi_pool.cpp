@@ -90,7 +90,7 @@ bool CgiStartPool(PhpPool& pool, const __https_obj* handler, int workers) {
   return true;
 }
 
-CgiPoolRun CgiRunOnPool(const __https_obj* handler, HTTPS_CLIENT* client, const CStrList& env, const CStr& cmd) {
+CgiPoolRun CgiRunOnPool(const __https_obj* handler, HTTPS_CLIENT* client, const CgiEnv& env, const CStr& cmd) {
   PhpPool* pool = PoolFor(handler);
   if (!pool) return CGI_POOL_NOT_USED;
   CHttpServer* server = client->CHttpServerEx;
@@ -104,7 +104,9 @@ CgiPoolRun CgiRunOnPool(const __https_obj* handler, HTTPS_CLIENT* client, const 
   CgiErrorLog errors(server, client->Ip, client->Arg);
   {
     PhpRequest request(*pool, ToErrorLog, &errors);
-    request.Send(env, body, bodyLen);
+    std::vector<FcgiParam> params;
+    env.Params(params);
+    request.Send(params, body, bodyLen);
     if (request.Result() == PHP_RUN_NO_WORKER) {
       LogFallbackOnce(server, client, *pool);
       return CGI_POOL_NOT_USED;

@@ -4,6 +4,7 @@
 #ifndef LUMETTA_CGI_POOL_H
 #define LUMETTA_CGI_POOL_H
 
+#include "cgi_reply.h"
 #include "chttpserver.h"
 #include "cstr.h"
 
@@ -31,6 +32,6 @@ enum CgiPoolRun {
 // Runs the script of client's request on the pool registered for handler,
 // with env as its variables, and writes the reply. cmd names the script's
 // run in the log lines, as on the CGI path.
-CgiPoolRun CgiRunOnPool(const __https_obj* handler, HTTPS_CLIENT* client, const CStrList& env, const CStr& cmd);
+CgiPoolRun CgiRunOnPool(const __https_obj* handler, HTTPS_CLIENT* client, const CgiEnv& env, const CStr& cmd);
 
 #endif

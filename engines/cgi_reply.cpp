@@ -8,96 +8,126 @@
 #include <cstring>
 #include <vector>
 
-#include "clog.h"
 
 namespace {
 
-const int kChunk = 4096;
+// The most the relay takes from the interpreter's output at a time, and so
+// the most it sends at once: a reader that has more at hand (a worker's
+// records) passes it on in fewer, larger sends.
+const int kRelayPiece = 16384;
+const int kLargestWrite = 65536;
 const size_t kNone = std::string::npos;
 
 // ---------------------------------------------------------------- environment
 
-void AddVar(CStrList& env, const char* nameEq, const CStr& value) {
-  CStr entry(nameEq);
-  entry.Cat(value);
-  env.Add(entry);
+// Decimal digits of v into the end of buf; returns where they start.
+char* Digits(unsigned long long v, char* end) {
+  *--end = 0;
+  do *--end = (char)('0' + v % 10);
+  while (v /= 10);
+  return end;
 }
 
-void AddVar(CStrList& env, const char* nameEq, int value) {
-  CStr entry(nameEq);
-  entry.CatInt(value);
-  env.Add(entry);
+void AddNumber(CgiEnv& env, const char* nameEq, int value) {
+  char buf[24];
+  char* p = Digits(value < 0 ? 0ull - (unsigned long long)value : (unsigned long long)value, buf + sizeof buf);
+  if (value < 0) *--p = '-';
+  env.Add(nameEq, p, strlen(p));
+}
+
+// The dotted form of an address in network byte order.
+void AddAddress(CgiEnv& env, const char* nameEq, unsigned ip) {
+  const unsigned char* b = reinterpret_cast<const unsigned char*>(&ip);
+  char buf[16];
+  char* p = buf;
+  for (int i = 0; i < 4; i++) {
+    char digits[4];
+    for (const char* d = Digits(b[i], digits + sizeof digits); *d;) *p++ = *d++;
+    *p++ = i < 3 ? '.' : 0;
+  }
+  env.Add(nameEq, buf, (size_t)(p - 1 - buf));
 }
 
 // Copies one of the few variables of our own environment that the
-// interpreter may need, and only when it is set.
-void AddInherited(CStrList& env, const char* name) {
-  const char* value = getenv(name);
-  if (!value) return;
-  CStr entry(name);
-  entry.CatChar('=');
-  entry.Cat(value);
-  env.Add(entry);
-}
-
-// A header variable exists only when the client sent the header: scripts
-// test isset() and take an empty one for a real value.
-void AddIfSent(CStrList& env, HTTPS_CLIENT* c, const char* header, const char* nameEq, const CStr& value) {
-  if (HttpsHeader(c, header)) AddVar(env, nameEq, value);
+// interpreter may need, and only when it is set. nameEq: "NAME=".
+void AddInherited(CgiEnv& env, const char* nameEq) {
+  char name[16];
+  size_t len = strlen(nameEq) - 1;
+  if (len >= sizeof name) return;
+  memcpy(name, nameEq, len);
+  name[len] = 0;
+  if (const char* value = getenv(name)) env.Add(nameEq, value, strlen(value));
 }
 
 // Headers with a place of their own in the fixed list, and "Proxy", which
 // would become HTTP_PROXY and send the script's own outgoing requests
 // through whatever proxy the request names.
-const char* const kNotPassedOn[] = {"Accept", "Accept-Language", "Accept-Encoding", "Connection",
-                                    "Cookie", "Host",           "Referer",         "User-Agent",
-                                    "Content-Type", "Content-Length", "Proxy"};
+enum KnownHeader {
+  H_ACCEPT, H_ACCEPT_LANGUAGE, H_ACCEPT_ENCODING, H_CONNECTION, H_COOKIE, H_HOST,
+  H_REFERER, H_USER_AGENT, H_CONTENT_TYPE, H_CONTENT_LENGTH, H_PROXY, H_KNOWN
+};
+const char* const kKnownHeaders[H_KNOWN] = {"Accept",  "Accept-Language", "Accept-Encoding", "Connection",
+                                            "Cookie",  "Host",            "Referer",         "User-Agent",
+                                            "Content-Type", "Content-Length", "Proxy"};
 
-bool SameIC(const char* a, const char* b) {
-  for (; *a && *b; ++a, ++b)
-    if (tolower((unsigned char)*a) != tolower((unsigned char)*b)) return false;
-  return *a == *b;
-}
+// What the client sent, taken apart in one pass over its headers.
+struct SentHeaders {
+  const char* Known[H_KNOWN] = {};  // the first value of each, null when not sent
+  // Every other header as HTTP_<NAME>, in the order first sent; a header
+  // sent twice becomes one variable with the values joined by ", ".
+  std::vector<std::pair<std::string, std::string>> Others;
+};
 
 // Only letters, digits and "-": a name with "_" or other signs could pass
 // itself off as another header once "-" has become "_".
-bool PassedOn(const std::string& name) {
-  if (name.empty()) return false;
-  for (char ch : name)
-    if (!isalnum((unsigned char)ch) && ch != '-') return false;
-  for (const char* skip : kNotPassedOn)
-    if (SameIC(name.c_str(), skip)) return false;
+bool FitForAVariable(const char* name, size_t len) {
+  if (len == 0) return false;
+  for (size_t i = 0; i < len; i++)
+    if (!isalnum((unsigned char)name[i]) && name[i] != '-') return false;
   return true;
 }
 
-// Every other header as HTTP_<NAME>, in the order first sent; a header sent
-// twice becomes one variable with the values joined by ", ".
-void AddOtherHeaders(CStrList& env, HTTPS_CLIENT* c) {
-  std::vector<std::string> vars, values;
+void AddOther(SentHeaders& sent, const char* name, size_t len, const char* value) {
+  std::string var = "HTTP_";
+  for (size_t k = 0; k < len; k++) var += name[k] == '-' ? '_' : (char)toupper((unsigned char)name[k]);
+  for (auto& other : sent.Others) {
+    if (other.first != var) continue;
+    other.second += ", ";
+    other.second += value;
+    return;
+  }
+  sent.Others.emplace_back(var, value);
+}
+
+void ReadHeaders(HTTPS_CLIENT* c, SentHeaders& sent) {
   for (int i = 0; i < c->InHeaders.Count(); i++) {
-    std::string entry = c->InHeaders[i]->c_str();
-    size_t colon = entry.find(": ");
-    if (colon == kNone || !PassedOn(entry.substr(0, colon))) continue;
-    std::string var = "HTTP_";
-    for (size_t k = 0; k < colon; k++) var += entry[k] == '-' ? '_' : (char)toupper((unsigned char)entry[k]);
-    std::string value = entry.substr(colon + 2);
-    size_t at = 0;
-    while (at < vars.size() && vars[at] != var) at++;
-    if (at < vars.size()) {
-      values[at] += ", " + value;
-    } else {
-      vars.push_back(var);
-      values.push_back(value);
+    const char* entry = c->InHeaders[i]->c_str();
+    const char* colon = strstr(entry, ": ");
+    if (!colon) continue;
+    size_t len = (size_t)(colon - entry);
+    int known = 0;
+    while (known < H_KNOWN && (strlen(kKnownHeaders[known]) != len ||
+                               StrCompareIC(entry, kKnownHeaders[known], (long long)len) != 0))
+      known++;
+    if (known < H_KNOWN) {
+      if (!sent.Known[known]) sent.Known[known] = colon + 2;
+    } else if (FitForAVariable(entry, len)) {
+      AddOther(sent, entry, len, colon + 2);
     }
   }
-  for (size_t i = 0; i < vars.size(); i++) env.Add((vars[i] + "=" + values[i]).c_str());
+}
+
+// A header variable exists only when the client sent the header: scripts
+// test isset() and take an empty one for a real value.
+void AddIfSent(CgiEnv& env, const SentHeaders& sent, KnownHeader h, const char* nameEq, const CStr& value) {
+  if (sent.Known[h]) env.Add(nameEq, value);
 }
 
 // ---------------------------------------------------------------- reply
 
 void SendAll(CSocket* sock, const char* buf, size_t len) {
   while (len > 0) {
-    int n = sock->Write(buf, (int)(len > (size_t)kChunk * 16 ? (size_t)kChunk * 16 : len));
+    int n = sock->Write(buf, (int)(len > (size_t)kLargestWrite ? (size_t)kLargestWrite : len));
     if (n <= 0) return;  // the client is gone; the output is still read to its end
     buf += n;
     len -= (size_t)n;
@@ -179,7 +209,7 @@ void TakeStatusFromHead(std::string& data, size_t& headEnd, CStr& status) {
 // Reads into data until the header block is complete, the limit is reached
 // or the output ends. Returns where the block ends, or kNone.
 size_t GatherHead(CgiOutput& out, std::string& data) {
-  char buf[kChunk];
+  char buf[kRelayPiece];
   while (data.size() < (size_t)CGI_MAX_HEAD_LEN) {
     int n = out.Read(buf, sizeof buf);
     if (n <= 0) break;
@@ -192,62 +222,96 @@ size_t GatherHead(CgiOutput& out, std::string& data) {
 
 }  // namespace
 
-void CgiBuildEnvironment(CHttpServer* server, HTTPS_CLIENT* c, const CStr& scriptFile, CStrList& env) {
+void CgiBuildEnvironment(CHttpServer* server, HTTPS_CLIENT* c, const CStr& scriptFile, CgiEnv& env) {
   bool body = CHttpServer::HasRequestBody(c->Method);
-  CStr port;
-  port.SetInt(server->GetPort());
-  CStr remote = CLog::FormatIP(c->Ip);
+  SentHeaders sent;
+  ReadHeaders(c, sent);
+  char portBuf[24];
+  const char* port = Digits((unsigned)server->GetPort(), portBuf + sizeof portBuf);
 
-  AddInherited(env, "COMSPEC");
+  AddInherited(env, "COMSPEC=");
   if (body) {
-    if (c->Method == CHttpServer::HTTPS_MET_POST || HttpsHeader(c, "Content-Length"))
-      AddVar(env, "CONTENT_LENGTH=", c->PostLen);
+    if (c->Method == CHttpServer::HTTPS_MET_POST || sent.Known[H_CONTENT_LENGTH])
+      AddNumber(env, "CONTENT_LENGTH=", c->PostLen);
     // As sent: the boundary of a multipart body must reach the script whole.
-    if (const char* type = HttpsHeader(c, "Content-Type")) AddVar(env, "CONTENT_TYPE=", CStr(type));
+    if (const char* type = sent.Known[H_CONTENT_TYPE]) env.Add("CONTENT_TYPE=", type, strlen(type));
   }
-  AddVar(env, "QUERY_STRING=", c->QueryStr);
-  AddVar(env, "DOCUMENT_ROOT=", server->GetHomeDir());
+  env.Add("QUERY_STRING=", c->QueryStr);
+  env.Add("DOCUMENT_ROOT=", server->GetHomeDir());
   env.Add("GATEWAY_INTERFACE=CGI/1.1");
-  AddIfSent(env, c, "Accept", "HTTP_ACCEPT=", c->InAccept);
-  AddIfSent(env, c, "Accept-Language", "HTTP_ACCEPT_LANGUAGE=", c->AcceptLanguage);
-  if (const char* enc = HttpsHeader(c, "Accept-Encoding")) AddVar(env, "HTTP_ACCEPT_ENCODING=", CStr(enc));
-  AddIfSent(env, c, "Connection", "HTTP_CONNECTION=", c->InConnection);
+  AddIfSent(env, sent, H_ACCEPT, "HTTP_ACCEPT=", c->InAccept);
+  AddIfSent(env, sent, H_ACCEPT_LANGUAGE, "HTTP_ACCEPT_LANGUAGE=", c->AcceptLanguage);
+  if (const char* enc = sent.Known[H_ACCEPT_ENCODING]) env.Add("HTTP_ACCEPT_ENCODING=", enc, strlen(enc));
+  AddIfSent(env, sent, H_CONNECTION, "HTTP_CONNECTION=", c->InConnection);
   // The server has already taken its own cookies out of this one.
-  if (!c->InCookies.IsEmpty()) AddVar(env, "HTTP_COOKIE=", c->InCookies);
-  AddIfSent(env, c, "Host", "HTTP_HOST=", c->Host);
-  AddIfSent(env, c, "Referer", "HTTP_REFERER=", c->Referer);
+  if (!c->InCookies.IsEmpty()) env.Add("HTTP_COOKIE=", c->InCookies);
+  AddIfSent(env, sent, H_HOST, "HTTP_HOST=", c->Host);
+  AddIfSent(env, sent, H_REFERER, "HTTP_REFERER=", c->Referer);
   // Present only over TLS: scripts test isset($_SERVER['HTTPS']).
   if (c->Socket && c->Socket->Ssl) env.Add("HTTPS=on");
-  AddIfSent(env, c, "User-Agent", "HTTP_USER_AGENT=", c->InUserAgent);
-  AddInherited(env, "PATH");
+  AddIfSent(env, sent, H_USER_AGENT, "HTTP_USER_AGENT=", c->InUserAgent);
+  AddInherited(env, "PATH=");
   if (!c->PathInfo.IsEmpty()) {
-    AddVar(env, "PATH_INFO=", c->PathInfo);
+    env.Add("PATH_INFO=", c->PathInfo);
     CStr translated = server->GetHomeDir();
     translated.Cat(c->PathInfo);
     translated.NativePath();
-    AddVar(env, "PATH_TRANSLATED=", translated);
+    env.Add("PATH_TRANSLATED=", translated);
   }
-  AddVar(env, "REMOTE_ADDR=", remote);
-  AddVar(env, "REMOTE_HOST=", remote);
-  AddVar(env, "REMOTE_PORT=", (int)c->Port);
-  AddVar(env, "REQUEST_METHOD=", CStr(server->GetMethodStr(c->Method)));
-  AddVar(env, "REQUEST_URI=", c->Target.IsEmpty() ? c->Arg : c->Target);
-  AddVar(env, "SCRIPT_FILENAME=", scriptFile);
-  AddVar(env, "SCRIPT_NAME=", c->Arg);
-  AddVar(env, "SERVER_ADDR=", CLog::FormatIP(c->LocalIp));
+  AddAddress(env, "REMOTE_ADDR=", c->Ip);
+  AddAddress(env, "REMOTE_HOST=", c->Ip);
+  AddNumber(env, "REMOTE_PORT=", (int)c->Port);
+  const char* method = server->GetMethodStr(c->Method);
+  env.Add("REQUEST_METHOD=", method, strlen(method));
+  env.Add("REQUEST_URI=", c->Target.IsEmpty() ? c->Arg : c->Target);
+  env.Add("SCRIPT_FILENAME=", scriptFile);
+  env.Add("SCRIPT_NAME=", c->Arg);
+  AddAddress(env, "SERVER_ADDR=", c->LocalIp);
   env.Add("SERVER_NAME=localhost");
-  AddVar(env, "SERVER_PORT=", port);
+  env.Add("SERVER_PORT=", port, strlen(port));
   env.Add("SERVER_PROTOCOL=HTTP/1.1");
-  CStr signature("SERVER_SIGNATURE=<ADDRESS>Lumetta/1.0.3 Server at localhost Port ");
-  signature.Cat(port);
-  signature.Cat("</ADDRESS>");
-  env.Add(signature);
+  std::string signature = port;
+  signature += "</ADDRESS>";
+  env.Add("SERVER_SIGNATURE=<ADDRESS>Lumetta/1.0.3 Server at localhost Port ", signature.data(), signature.size());
   env.Add("SERVER_SOFTWARE=Lumetta/1.0.3 (Windows)");
-  AddInherited(env, "SystemDrive");
-  AddInherited(env, "SystemRoot");
-  AddInherited(env, "TEMP");
-  AddInherited(env, "TMP");
-  AddOtherHeaders(env, c);
+  AddInherited(env, "SystemDrive=");
+  AddInherited(env, "SystemRoot=");
+  AddInherited(env, "TEMP=");
+  AddInherited(env, "TMP=");
+  for (const auto& other : sent.Others) env.Add((other.first + "=").c_str(), other.second.data(), other.second.size());
+}
+
+CgiEnv::CgiEnv() {
+  // Room for a page request's variables without growing.
+  Text.reserve(2048);
+  Ends.reserve(48);
+}
+
+void CgiEnv::Add(const char* entry) { Add(entry, "", 0); }
+
+void CgiEnv::Add(const char* nameEq, const char* value, size_t valueLen) {
+  Text += nameEq;
+  Text.append(value, valueLen);
+  Ends.push_back(Text.size());
+  Text += '\0';
+}
+
+void CgiEnv::Params(std::vector<FcgiParam>& params) const {
+  params.clear();
+  params.reserve(Ends.size());
+  size_t start = 0;
+  for (size_t end : Ends) {
+    params.push_back(FcgiParam{Text.data() + start, end - start});
+    start = end + 1;
+  }
+}
+
+void CgiEnv::ToList(CStrList& list) const {
+  size_t start = 0;
+  for (size_t end : Ends) {
+    list.Add(CStr(Text.data() + start, (int)(end - start)));
+    start = end + 1;
+  }
 }
 
 void CgiSendReply(CHttpServer* server, HTTPS_CLIENT* client, CgiOutput& out) {
@@ -263,7 +327,7 @@ void CgiSendReply(CHttpServer* server, HTTPS_CLIENT* client, CgiOutput& out) {
   size_t sendEnd = headOnly ? headEnd : data.size();
   SendStatusAndServerLines(server, sock, status, data.data() + rest, rest < sendEnd ? sendEnd - rest : 0);
 
-  char buf[kChunk];
+  char buf[kRelayPiece];
   int n;
   while ((n = out.Read(buf, sizeof buf)) > 0)
     if (!headOnly) SendAll(sock, buf, (size_t)n);

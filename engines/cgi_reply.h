@@ -5,7 +5,9 @@
 #define LUMETTA_CGI_REPLY_H
 
 #include <string>
+#include <vector>
 
+#include "cfastcgi.h"
 #include "chttpserver.h"
 #include "cstr.h"
 
@@ -13,7 +15,8 @@
 class CgiOutput {
  public:
   virtual ~CgiOutput() {}
-  // Up to len bytes into buf; 0 once the output has ended.
+  // Up to len bytes into buf, as many as are at hand; 0 once the output
+  // has ended.
   virtual int Read(char* buf, int len) = 0;
 };
 
@@ -29,9 +32,29 @@ const int CGI_MAX_HEAD_LEN = 65536;
 // request gets no body. Nothing at all is sent when the output is empty.
 void CgiSendReply(CHttpServer* server, HTTPS_CLIENT* client, CgiOutput& out);
 
+// A script's variables: "NAME=value" entries in their order, back to back
+// in one buffer, so that building the forty-odd of a request costs no
+// allocation per entry.
+class CgiEnv {
+ public:
+  CgiEnv();
+  void Add(const char* entry);
+  void Add(const char* nameEq, const char* value, size_t valueLen);
+  void Add(const char* nameEq, const CStr& value) { Add(nameEq, value.Str ? value.Str : "", (size_t)value.Len); }
+  size_t Count() const { return Ends.size(); }
+  // The entries as FastCGI parameters, pointing into this object.
+  void Params(std::vector<FcgiParam>& params) const;
+  // The entries as a list, for a child process's environment.
+  void ToList(CStrList& list) const;
+
+ private:
+  std::string Text;          // every entry followed by a NUL
+  std::vector<size_t> Ends;  // where each entry's NUL is
+};
+
 // The variables for the script scriptFile run for client, in their fixed
 // order, then the request's other headers as HTTP_ variables.
-void CgiBuildEnvironment(CHttpServer* server, HTTPS_CLIENT* client, const CStr& scriptFile, CStrList& env);
+void CgiBuildEnvironment(CHttpServer* server, HTTPS_CLIENT* client, const CStr& scriptFile, CgiEnv& env);
 
 // The interpreter's error output, cut into lines, each one written to the
 // server's log with the script's name: warnings belong there, never in a

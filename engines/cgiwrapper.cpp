@@ -27,11 +27,12 @@ const int kChunk = 4096;
 const char kPhpFallbackOptions[] = "-d cgi.force_redirect=0 -d cgi.fix_pathinfo=1";
 const char kSystemPhpFallbackLimits[] = " -d post_max_size=64M -d upload_max_filesize=64M";
 
-// The interpreter's standard output, read from its pipe.
+// The interpreter's standard output, read from its pipe in pieces of at
+// most 4 KiB, as the gateway always has.
 class PipeOutput : public CgiOutput {
  public:
   explicit PipeOutput(CPipeStream& pipe) : Pipe(pipe) {}
-  int Read(char* buf, int len) override { return (int)Pipe.Read(buf, (unsigned)len); }
+  int Read(char* buf, int len) override { return (int)Pipe.Read(buf, (unsigned)(len < kChunk ? len : kChunk)); }
 
  private:
   CPipeStream& Pipe;
@@ -89,7 +90,7 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
     return true;
   }
 
-  CStrList env;
+  CgiEnv env;
   PhpAddOptionsEnvironment(obj->Path, env);
   CgiBuildEnvironment(server, client, script, env);
   CStr cmd = CommandLine(obj, script);
@@ -103,7 +104,9 @@ bool CgiWrapper(void* objPtr, void* clientPtr) {
   pipe.TimeOut = CgiTimeOut;
   server->PrintLog(client->Ip, "CGI Start %s", cmd.c_str());
   bool body = CHttpServer::HasRequestBody(client->Method);
-  pipe.Open(cmd.c_str(), dir.c_str(), &env,
+  CStrList envList;
+  env.ToList(envList);
+  pipe.Open(cmd.c_str(), dir.c_str(), &envList,
             CPIPE_BINARY | CPIPE_NOWINDOW | CPIPE_READ | CPIPE_STDERR | (body ? CPIPE_WRITE : 0));
   CgiErrorLog errors(server, client->Ip, client->Arg);
   ErrorDrain drain{&pipe, &errors};

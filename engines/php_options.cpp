@@ -81,9 +81,17 @@ bool PhpRegisterOptions(const CStr& interpreterPath, const CStr& bundledIni) {
   return true;
 }
 
-void PhpAddOptionsEnvironment(const CStr& interpreterPath, CStrList& env) {
+namespace {
+
+template <class List>
+void AddOptionsTo(const CStr& interpreterPath, List& env) {
   PlLock g(RegistryLock);
   auto it = Registry.find(interpreterPath.c_str());
   if (it == Registry.end()) return;
   for (const std::string& v : it->second) env.Add(v.c_str());
 }
+
+}  // namespace
+
+void PhpAddOptionsEnvironment(const CStr& interpreterPath, CStrList& env) { AddOptionsTo(interpreterPath, env); }
+void PhpAddOptionsEnvironment(const CStr& interpreterPath, CgiEnv& env) { AddOptionsTo(interpreterPath, env); }

@@ -6,6 +6,7 @@
 #ifndef LUMETTA_PHP_OPTIONS_H
 #define LUMETTA_PHP_OPTIONS_H
 
+#include "cgi_reply.h"
 #include "cstr.h"
 
 // Writes the settings file (once per process; it goes at exit) and records
@@ -17,5 +18,6 @@ bool PhpRegisterOptions(const CStr& interpreterPath, const CStr& bundledIni);
 
 // Appends the variables recorded for interpreterPath, if any, to env.
 void PhpAddOptionsEnvironment(const CStr& interpreterPath, CStrList& env);
+void PhpAddOptionsEnvironment(const CStr& interpreterPath, CgiEnv& env);
 
 #endif

@@ -3,9 +3,9 @@
 // worker of a script that overruns.
 #include "phppool.h"
 
+#include <algorithm>
 #include <cstring>
 
-#include "cfastcgi.h"
 #include "pl_fs.h"
 #include "pl_process.h"
 
@@ -19,7 +19,6 @@ namespace {
 // warm successor shortly before.
 const int kPhpOwnLimitMargin = 100;
 const int kFailedStartsToGiveUp = 3;
-const unsigned kTickMs = 100;  // slice of a request's wait for a free worker
 // The supervisor is woken for every change a request notices; the tick
 // only catches a worker that died while idle before a request finds it.
 const unsigned kSuperviseTickMs = 500;
@@ -27,6 +26,9 @@ const unsigned kStopWaitMs = 5000;
 const int kRequestId = 1;
 const size_t kSendPiece = FCGI_MAX_CONTENT;
 const size_t kReceivePiece = 65536;
+// A receive from a worker waits at most this long before the request's
+// deadline is looked at again.
+const int kRecvSliceMs = 1000;
 
 unsigned MsLeft(uint64_t deadline) {
   uint64_t now = PlMonotonicMs();
@@ -51,6 +53,7 @@ struct PhpPool::Worker {
   PlProc* Proc = nullptr;
   std::string SocketPath;
   int Served = 0;
+  PlSocket Idle = PL_NO_SOCKET;  // the connection kept open for the next request
 };
 
 PhpPool::PhpPool() {}
@@ -102,7 +105,7 @@ void PhpPool::Stop() {
     PlLock g(Lock);
     Stopping = true;
     Running = false;
-    SlotFreed.Set();
+    WakeAllWaiters();
     Wake.Set();
   }
   PlThreadWait(Supervisor, PL_INFINITE);
@@ -166,8 +169,8 @@ void PhpPool::SwapInSpares(std::vector<Worker*>& retired) {
     s.Current = s.Spare;
     s.Spare = nullptr;
     s.Broken = false;
-    if (s.Current) SlotFreed.Set();
   }
+  HandOutFreeSlots();
 }
 
 void PhpPool::StartMissingWorkers(bool firstRound) {
@@ -189,14 +192,14 @@ void PhpPool::StartMissingWorkers(bool firstRound) {
         Failed = true;
         Failure = why;  // before Running: a caller that sees the pool stopped may read it
         Running = false;
-        SlotFreed.Set();
+        WakeAllWaiters();
       }
       continue;
     }
     FailedStarts = 0;
     Slot& s = Slots[i];
     (s.Current ? s.Spare : s.Current) = w;
-    SlotFreed.Set();
+    HandOutFreeSlots();
   }
 }
 
@@ -276,6 +279,7 @@ bool PhpPool::Probe(Worker* w, CStr* why) {
 }
 
 void PhpPool::EndWorker(Worker* w) {
+  if (w->Idle != PL_NO_SOCKET) PlSockCloseConnected(w->Idle);
   PlProcessTerminate(w->Proc, 1);
   PlProcessWait(w->Proc, PL_PROC_INFINITE);
   PlProcessClose(w->Proc);
@@ -314,40 +318,62 @@ void PhpPool::EndAllWorkers() {
 // ---------------------------------------------------------------- slots
 
 int PhpPool::Acquire(unsigned timeoutMs) {
-  uint64_t deadline = PlMonotonicMs() + timeoutMs;
-  Lock.Lock();
-  for (;;) {
-    if (!Running) break;
-    // Taken in turn, so every worker stays warm and none reaches its end
-    // long before the others.
-    for (size_t k = 0; k < Slots.size(); k++) {
-      size_t i = (NextSlot + k) % Slots.size();
-      Slot& s = Slots[i];
-      if (s.Busy || s.Broken || !s.Current || s.Current->Served >= RequestsPerWorker) continue;
-      NextSlot = i + 1;
-      s.Busy = true;
-      if (++s.Current->Served >= SpareAt() && !s.Spare) Wake.Set();
-      Lock.Unlock();
-      return (int)i;
-    }
-    unsigned left = MsLeft(deadline);
-    if (left == 0) break;
-    SlotFreed.Reset();
-    Lock.Unlock();
-    SlotFreed.Wait(Smaller(left, kTickMs));
-    Lock.Lock();
+  Waiter me;
+  {
+    PlLock g(Lock);
+    if (!Running) return -1;
+    int slot = TakeFreeSlot();
+    if (slot >= 0 || timeoutMs == 0) return slot;
+    Waiting.push_back(&me);
   }
-  Lock.Unlock();
+  me.Ready.Wait(timeoutMs);
+  PlLock g(Lock);
+  // Handed a slot or not, me leaves the queue before it goes out of scope.
+  auto it = std::find(Waiting.begin(), Waiting.end(), &me);
+  if (it != Waiting.end()) Waiting.erase(it);
+  return me.SlotIndex;
+}
+
+// Taken in turn, so every worker stays warm and none reaches its end long
+// before the others.
+int PhpPool::TakeFreeSlot() {
+  if (!Running) return -1;
+  for (size_t k = 0; k < Slots.size(); k++) {
+    size_t i = (NextSlot + k) % Slots.size();
+    Slot& s = Slots[i];
+    if (s.Busy || s.Broken || !s.Current || s.Current->Served >= RequestsPerWorker) continue;
+    NextSlot = i + 1;
+    s.Busy = true;
+    if (++s.Current->Served >= SpareAt() && !s.Spare) Wake.Set();
+    return (int)i;
+  }
   return -1;
 }
 
-void PhpPool::Release(int slot, bool broken) {
+void PhpPool::HandOutFreeSlots() {
+  while (!Waiting.empty()) {
+    int slot = TakeFreeSlot();
+    if (slot < 0) return;
+    Waiter* w = Waiting.front();
+    Waiting.pop_front();
+    w->SlotIndex = slot;
+    w->Ready.Set();  // under Lock: the waiter can't leave before this is done
+  }
+}
+
+void PhpPool::WakeAllWaiters() {
+  for (Waiter* w : Waiting) w->Ready.Set();
+  Waiting.clear();
+}
+
+void PhpPool::Release(int slot, bool broken, PlSocket keep) {
   PlLock g(Lock);
   Slot& s = Slots[(size_t)slot];
+  s.Current->Idle = keep;  // a busy slot's worker stays in place
   s.Busy = false;
   if (broken) s.Broken = true;
   if (broken || s.Spare) Wake.Set();
-  SlotFreed.Set();
+  HandOutFreeSlots();
 }
 
 // ---------------------------------------------------------------- request
@@ -361,48 +387,93 @@ PhpRequest::~PhpRequest() {
 }
 
 bool PhpRequest::Send(const CStrList& env, const void* body, size_t bodyLen) {
+  std::vector<FcgiParam> params;
+  FcgiParamsOf(env, params);
+  return Send(params, body, bodyLen);
+}
+
+bool PhpRequest::Send(const std::vector<FcgiParam>& env, const void* body, size_t bodyLen) {
   Deadline = PlMonotonicMs() + Pool.TimeOutSec * 1000ull;
-  if (!Connect()) {
-    Outcome = PHP_RUN_NO_WORKER;
-    return false;
-  }
-  Outcome = PHP_RUN_DONE;
-  std::string records;
-  FcgiAddBeginRequest(records, kRequestId, FCGI_RESPONDER, false);
+  // Built before a worker is taken, and in a buffer each thread keeps: the
+  // records of a page request come to a kilobyte or two.
+  static thread_local std::string records;
+  records.clear();
+  FcgiAddBeginRequest(records, kRequestId, FCGI_RESPONDER, true);
   // php-cgi keeps the parameters in a list it builds by putting each new
   // one in front, and hands them to the script from that list: sent last
   // first, they reach $_SERVER in the order of env, as they do over CGI.
   FcgiAddParams(records, kRequestId, env, true);
-  // The body goes in pieces, never copied whole: uploads can be large.
   const char* p = static_cast<const char*>(body);
-  for (size_t sent = 0; sent < bodyLen && !Finished && !SendFailed; sent += kSendPiece) {
-    size_t piece = bodyLen - sent < kSendPiece ? bodyLen - sent : kSendPiece;
-    FcgiAddRecord(records, FCGI_STDIN, kRequestId, p + sent, piece);
-    SendRecords(records);
-    records.clear();
+  size_t sent = bodyLen < kSendPiece ? bodyLen : kSendPiece;
+  if (sent > 0) FcgiAddRecord(records, FCGI_STDIN, kRequestId, p, sent);
+  if (sent == bodyLen) FcgiAddRecord(records, FCGI_STDIN, kRequestId, nullptr, 0);
+  bool handedOver = SendFirst(records);
+  if (records.capacity() > 4 * kSendPiece) std::string().swap(records);  // after an upload
+  if (!handedOver) return false;
+  // The rest of a large body goes in pieces, never copied whole.
+  std::string piece;
+  for (; sent < bodyLen && !Finished && !SendFailed; sent += kSendPiece) {
+    size_t n = bodyLen - sent < kSendPiece ? bodyLen - sent : kSendPiece;
+    piece.clear();
+    FcgiAddRecord(piece, FCGI_STDIN, kRequestId, p + sent, n);
+    if (sent + n == bodyLen) FcgiAddRecord(piece, FCGI_STDIN, kRequestId, nullptr, 0);
+    SendRecords(piece);
   }
-  if (!Finished && !SendFailed) {
-    FcgiAddRecord(records, FCGI_STDIN, kRequestId, nullptr, 0);
-    SendRecords(records);
-  }
+  AllSent = !Finished && !SendFailed;
   return Outcome == PHP_RUN_DONE;
 }
 
-// A free worker and a connection to it. A worker found dead while idle is
-// marked for replacement and the next one is tried.
+// The records of a page request fit the socket's buffer: one send, no wait.
+// A kept connection that the worker closed while idle refuses it before
+// anything of the request has gone, so it is safe to go again on a new
+// one; once the first byte has gone, never.
+bool PhpRequest::SendFirst(const std::string& records) {
+  for (;;) {
+    if (!Connect()) {
+      Outcome = PHP_RUN_NO_WORKER;
+      return false;
+    }
+    Outcome = PHP_RUN_DONE;
+    int n = PlSockSendSome(Sock, records.data(), (int)records.size());
+    if (n < 0 && Kept) {
+      DropConnection();
+      continue;
+    }
+    if (n < 0) {
+      SendFailed = true;  // the worker stopped reading; its reply may still come
+    } else if ((size_t)n < records.size()) {
+      SendRecords(records, (size_t)n);
+    }
+    return Outcome == PHP_RUN_DONE;
+  }
+}
+
+void PhpRequest::DropConnection() {
+  PlSockCloseConnected(Sock);
+  Sock = PL_NO_SOCKET;
+  Kept = false;
+}
+
+// A free worker and a connection to it: the one it kept open, or a new
+// one. A worker found dead is marked for replacement and the next one is
+// tried.
 bool PhpRequest::Connect() {
   for (int attempt = 0; attempt <= Pool.WorkerCount() + 1; attempt++) {
-    SlotIndex = Pool.Acquire(Smaller(MsLeft(Deadline), Pool.WaitForWorkerMs));
-    if (SlotIndex < 0) return false;
-    std::string path;
-    {
+    if (SlotIndex < 0) {
+      SlotIndex = Pool.Acquire(Smaller(MsLeft(Deadline), Pool.WaitForWorkerMs));
+      if (SlotIndex < 0) return false;
       PlLock g(Pool.Lock);
-      PhpPool::Worker* w = Pool.Slots[(size_t)SlotIndex].Current;
-      Proc = w->Proc;
-      path = w->SocketPath;
+      Worker = Pool.Slots[(size_t)SlotIndex].Current;
+      Sock = Worker->Idle;
+      Worker->Idle = PL_NO_SOCKET;
+      Kept = Sock != PL_NO_SOCKET;
+      RecvSliceMs = kRecvSliceMs;
     }
-    Sock = PlSockLocalConnect(path.c_str());
     if (Sock != PL_NO_SOCKET) return true;
+    // The worker's record stays while its slot is ours: no lock needed.
+    Sock = PlSockLocalConnect(Worker->SocketPath.c_str());
+    if (Sock != PL_NO_SOCKET && PlSockSetRecvTimeoutMs(Sock, kRecvSliceMs)) return true;
+    if (Sock != PL_NO_SOCKET) DropConnection();
     Pool.Release(SlotIndex, true);
     SlotIndex = -1;
   }
@@ -411,8 +482,8 @@ bool PhpRequest::Connect() {
 
 // Writes while taking in what comes back: a script may answer before it
 // has read its whole input, and neither side must block the other.
-void PhpRequest::SendRecords(const std::string& records) {
-  size_t pos = 0;
+void PhpRequest::SendRecords(const std::string& records, size_t from) {
+  size_t pos = from;
   while (pos < records.size() && SlotIndex >= 0 && !Finished) {
     unsigned left = MsLeft(Deadline);
     if (left == 0) return End(PHP_RUN_TIMED_OUT);
@@ -449,13 +520,15 @@ int PhpRequest::Read(void* buf, int n) {
       return (int)k;
     }
     if (Finished || SlotIndex < 0) return 0;
+    // The receive itself waits, in slices, so no poll goes before it; the
+    // last slice ends at the deadline.
     unsigned left = MsLeft(Deadline);
-    int ready = left ? PlSockPoll(Sock, PL_SOCK_IN, (int)left) : 0;
-    if (ready == 0) {
+    if (left == 0) {
       End(PHP_RUN_TIMED_OUT);
-    } else if (ready < 0) {
+    } else if (left < (unsigned)RecvSliceMs && !PlSockSetRecvTimeoutMs(Sock, (int)left)) {
       End(PHP_RUN_WORKER_LOST);
     } else {
+      RecvSliceMs = left < (unsigned)RecvSliceMs ? (int)left : RecvSliceMs;
       ReceiveSome();
     }
   }
@@ -465,12 +538,13 @@ bool PhpRequest::ReceiveSome() {
   // Into a buffer of its own: growing In by a whole piece first would clear
   // that many bytes for every read, most of a small page's cost.
   char piece[16384];
-  int n = PlSockRecv(Sock, piece, (int)sizeof piece);
-  if (n > 0) In.append(piece, (size_t)n);
+  int n = PlSockRecvTimed(Sock, piece, (int)sizeof piece);
+  if (n == PL_SOCK_NOTHING_YET) return true;  // a slice passed; the caller checks the deadline
   if (n <= 0) {
     End(PHP_RUN_WORKER_LOST);  // gone before its end record
     return false;
   }
+  In.append(piece, (size_t)n);
   TakeRecords();
   return SlotIndex >= 0;
 }
@@ -525,15 +599,19 @@ void PhpRequest::TakeStderr(const char* data, size_t len, bool flush) {
 }
 
 // The request is over: a worker that did not finish cleanly is ended now
-// (a timed-out script stops at once) and replaced by the supervisor.
+// (a timed-out script stops at once) and replaced by the supervisor. A
+// clean end leaves the connection open for the worker's next request, as
+// long as nothing of this one is left in it either way.
 void PhpRequest::End(PhpRunResult outcome) {
   if (SlotIndex < 0) return;
   Outcome = outcome;
   Finished = true;
   bool broken = outcome != PHP_RUN_DONE;
-  if (broken) PlProcessTerminate(Proc, 1);
-  PlSockClose(Sock);
+  if (broken) PlProcessTerminate(Worker->Proc, 1);
+  bool keep = !broken && AllSent && InPos == In.size() &&
+              (RecvSliceMs == kRecvSliceMs || PlSockSetRecvTimeoutMs(Sock, kRecvSliceMs));
+  if (!keep) DropConnection();
+  Pool.Release(SlotIndex, broken, Sock);
   Sock = PL_NO_SOCKET;
-  Pool.Release(SlotIndex, broken);
   SlotIndex = -1;
 }

@@ -9,9 +9,11 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
+#include "cfastcgi.h"
 #include "cstr.h"
 #include "pl_net.h"
 #include "pl_thread.h"
@@ -92,15 +94,25 @@ class PhpPool {
   void EndAllWorkers();
 
   int SpareAt() const { return RequestsPerWorker - RequestsPerWorker / 5; }
+  // A request waiting for a worker; a freed slot is handed to the one that
+  // has waited longest, and only that one is woken.
+  struct Waiter {
+    PlEvent Ready;
+    int SlotIndex = -1;
+  };
   int Acquire(unsigned timeoutMs);  // a slot index, -1 when none
-  void Release(int slot, bool broken);
+  int TakeFreeSlot();               // with Lock held; -1 when none is free
+  void HandOutFreeSlots();          // with Lock held
+  void WakeAllWaiters();            // with Lock held: the pool has stopped
+  // keep: the request's connection, left open for the worker's next request.
+  void Release(int slot, bool broken, PlSocket keep = PL_NO_SOCKET);
 
   PlMutex Lock;
   PlEvent Wake;         // the supervisor has work
-  PlEvent SlotFreed;    // a slot may have become free
   PlEvent FirstRound;   // the first workers are up (or failed)
   PlThread* Supervisor = nullptr;
   std::vector<Slot> Slots;
+  std::deque<Waiter*> Waiting;  // oldest first
   CStr CmdLine;
   std::string EnvBlock;  // "A=1\0B=2\0" and the final NUL of c_str()
   std::string SocketDir;
@@ -116,6 +128,9 @@ class PhpPool {
 // One request on one worker: Send, then Read until it gives 0, then
 // Result. Stream order is kept: the script's output comes out of Read as
 // the interpreter wrote it, error lines go to the callback as they come.
+// A worker's connection stays open from one request to the next (FastCGI's
+// keep-connection flag), so neither side connects, accepts or closes per
+// request.
 class PhpRequest {
  public:
   explicit PhpRequest(PhpPool& pool, PhpStderrFunc onStderr = nullptr, void* context = nullptr);
@@ -126,6 +141,7 @@ class PhpRequest {
   // env: "NAME=value" entries in order (they become the FastCGI
   // parameters); body: the request body (the script's standard input).
   // False when the request could not be handed over; Result() says why.
+  bool Send(const std::vector<FcgiParam>& env, const void* body, size_t bodyLen);
   bool Send(const CStrList& env, const void* body, size_t bodyLen);
   // Up to n bytes of the script's output; 0 at its end, after a time-out or
   // a lost worker.
@@ -137,7 +153,9 @@ class PhpRequest {
 
  private:
   bool Connect();
-  void SendRecords(const std::string& records);
+  bool SendFirst(const std::string& records);
+  void DropConnection();
+  void SendRecords(const std::string& records, size_t from = 0);
   bool ReceiveSome();  // false once the request has ended
   void TakeRecords();
   void TakeStderr(const char* data, size_t len, bool flush);
@@ -147,8 +165,11 @@ class PhpRequest {
   PhpStderrFunc OnStderr;
   void* Context;
   int SlotIndex = -1;
-  PlProc* Proc = nullptr;
+  PhpPool::Worker* Worker = nullptr;  // the slot's worker, ours while the slot is
   PlSocket Sock = PL_NO_SOCKET;
+  bool Kept = false;     // Sock served an earlier request
+  int RecvSliceMs = 0;   // the receive time-out Sock has now
+  bool AllSent = false;  // every record of the request went out
   uint64_t Deadline = 0;
   std::string In;        // received bytes not yet taken apart
   size_t InPos = 0;

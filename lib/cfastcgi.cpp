@@ -18,15 +18,17 @@ void AddHeader(std::string& out, int type, int requestId, size_t contentLen, siz
   out.append(reinterpret_cast<char*>(h), sizeof h);
 }
 
-void AddLength(std::string& out, size_t len) {
+// Writes the length in its 1- or 4-byte form; returns the bytes written.
+size_t PutLength(char* p, size_t len) {
   if (len < 128) {
-    out += (char)len;
-    return;
+    p[0] = (char)len;
+    return 1;
   }
-  out += (char)(0x80 | ((len >> 24) & 0x7F));
-  out += (char)(len >> 16);
-  out += (char)(len >> 8);
-  out += (char)len;
+  p[0] = (char)(0x80 | ((len >> 24) & 0x7F));
+  p[1] = (char)(len >> 16);
+  p[2] = (char)(len >> 8);
+  p[3] = (char)len;
+  return 4;
 }
 
 bool TakeLength(const unsigned char*& p, const unsigned char* end, size_t* len) {
@@ -64,26 +66,88 @@ void FcgiAddBeginRequest(std::string& out, int requestId, int role, bool keepCon
   FcgiAddRecord(out, FCGI_BEGIN_REQUEST, requestId, body, sizeof body);
 }
 
-void FcgiAddNameValue(std::string& out, const char* name, size_t nameLen, const char* value, size_t valueLen) {
-  AddLength(out, nameLen);
-  AddLength(out, valueLen);
-  out.append(name, nameLen);
-  out.append(value, valueLen);
+namespace {
+
+size_t EncodedLength(size_t len) { return len < 128 ? 1 : 4; }
+
+size_t NameValueSize(size_t nameLen, size_t valueLen) {
+  return EncodedLength(nameLen) + EncodedLength(valueLen) + nameLen + valueLen;
 }
 
-void FcgiAddParams(std::string& out, int requestId, const CStrList& env, bool lastFirst) {
-  std::string pairs;
-  for (const __cstr_list* n = lastFirst ? env.Last : env.Beg; n; n = lastFirst ? n->Prev : n->Next) {
-    const char* entry = n->Str.Str ? n->Str.Str : "";
-    size_t len = (size_t)n->Str.Len;
+// Writes one pair at p, which has room for it; returns its end.
+char* PutNameValue(char* p, const char* name, size_t nameLen, const char* value, size_t valueLen) {
+  p += PutLength(p, nameLen);
+  p += PutLength(p, valueLen);
+  memcpy(p, name, nameLen);
+  memcpy(p + nameLen, value, valueLen);
+  return p + nameLen + valueLen;
+}
+
+}  // namespace
+
+void FcgiAddNameValue(std::string& out, const char* name, size_t nameLen, const char* value, size_t valueLen) {
+  size_t at = out.size();
+  out.resize(at + NameValueSize(nameLen, valueLen));
+  PutNameValue(&out[at], name, nameLen, value, valueLen);
+}
+
+namespace {
+
+// Calls fn(name, nameLen, value, valueLen) for every entry, in the order
+// asked for. An entry without '=' is a name with an empty value.
+template <class Fn>
+void ForEachParam(const std::vector<FcgiParam>& env, bool lastFirst, Fn fn) {
+  for (size_t i = 0; i < env.size(); i++) {
+    const FcgiParam& param = env[lastFirst ? env.size() - 1 - i : i];
+    const char* entry = param.Text;
+    size_t len = param.Len;
     const char* eq = static_cast<const char*>(memchr(entry, '=', len));
     size_t nameLen = eq ? (size_t)(eq - entry) : len;
     const char* value = eq ? eq + 1 : entry + len;
-    FcgiAddNameValue(pairs, entry, nameLen, value, len - nameLen - (eq ? 1 : 0));
+    fn(entry, nameLen, value, len - nameLen - (eq ? 1 : 0));
   }
-  // A pair may straddle two records: the application joins the stream
-  // before it reads the pairs.
-  if (!pairs.empty()) FcgiAddRecord(out, FCGI_PARAMS, requestId, pairs.data(), pairs.size());
+}
+
+}  // namespace
+
+void FcgiParamsOf(const CStrList& env, std::vector<FcgiParam>& params) {
+  params.clear();
+  params.reserve((size_t)env.Count());
+  for (const __cstr_list* n = env.Beg; n; n = n->Next)
+    params.push_back(FcgiParam{n->Str.Str ? n->Str.Str : "", (size_t)n->Str.Len});
+}
+
+void FcgiAddParams(std::string& out, int requestId, const CStrList& env, bool lastFirst) {
+  std::vector<FcgiParam> params;
+  FcgiParamsOf(env, params);
+  FcgiAddParams(out, requestId, params, lastFirst);
+}
+
+void FcgiAddParams(std::string& out, int requestId, const std::vector<FcgiParam>& env, bool lastFirst) {
+  size_t total = 0;
+  ForEachParam(env, lastFirst, [&total](const char*, size_t nameLen, const char*, size_t valueLen) {
+    total += NameValueSize(nameLen, valueLen);
+  });
+  if (total > 0) {
+    // Written straight into their place: the usual case is one record.
+    const bool oneRecord = total <= FCGI_MAX_CONTENT;
+    std::string pairs;
+    std::string& into = oneRecord ? out : pairs;
+    size_t padding = (8 - total % 8) % 8;
+    if (oneRecord) AddHeader(out, FCGI_PARAMS, requestId, total, padding);
+    size_t at = into.size();
+    into.resize(at + total);
+    char* p = &into[at];
+    ForEachParam(env, lastFirst, [&p](const char* name, size_t nameLen, const char* value, size_t valueLen) {
+      p = PutNameValue(p, name, nameLen, value, valueLen);
+    });
+    // Otherwise a pair may straddle two records: the application joins the
+    // stream before it reads the pairs.
+    if (oneRecord)
+      out.append(padding, '\0');
+    else
+      FcgiAddRecord(out, FCGI_PARAMS, requestId, pairs.data(), pairs.size());
+  }
   FcgiAddRecord(out, FCGI_PARAMS, requestId, nullptr, 0);
 }
 

@@ -36,11 +36,19 @@ void FcgiAddRecord(std::string& out, int type, int requestId, const void* data, 
 void FcgiAddBeginRequest(std::string& out, int requestId, int role, bool keepConn);
 // One pair in the length-prefixed form (1 byte below 128, else 4 bytes).
 void FcgiAddNameValue(std::string& out, const char* name, size_t nameLen, const char* value, size_t valueLen);
+// One "NAME=value" entry, not necessarily NUL-terminated.
+struct FcgiParam {
+  const char* Text;
+  size_t Len;
+};
 // The whole PARAMS stream from "NAME=value" entries, kept in their order,
 // with its closing empty record. An entry without '=' is a name with an
 // empty value. lastFirst sends the list from its end, for an application
 // that lists what it received last-first (php-cgi does).
+void FcgiAddParams(std::string& out, int requestId, const std::vector<FcgiParam>& env, bool lastFirst = false);
 void FcgiAddParams(std::string& out, int requestId, const CStrList& env, bool lastFirst = false);
+// The entries of a list, pointing into it.
+void FcgiParamsOf(const CStrList& env, std::vector<FcgiParam>& params);
 
 struct FcgiHeader {
   int Type = 0;

@@ -53,6 +53,9 @@ int PlSockSendSome(PlSocket s, const void* buf, int n);
 // Time-out of the blocking receive itself (0: none). Used where the wait
 // above can't be, e.g. under a TLS library that receives on its own.
 bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec);
+// The same in milliseconds, for a receive that waits in slices of a
+// deadline instead of polling before each read.
+bool PlSockSetRecvTimeoutMs(PlSocket s, int timeoutMs);
 int PlSockSend(PlSocket s, const void* buf, int n);  // -1 on failure
 int PlSockRecv(PlSocket s, void* buf, int n);        // -1 on failure, 0 at end
 // A receive that never waits: what has arrived, 0 at the end, -1 on failure,
@@ -60,6 +63,10 @@ int PlSockRecv(PlSocket s, void* buf, int n);        // -1 on failure, 0 at end
 // also then), so a caller waits only when it must.
 const int PL_SOCK_NOTHING_YET = -2;
 int PlSockRecvNoWait(PlSocket s, void* buf, int n);
+// A blocking receive on a socket with a receive time-out: as PlSockRecv,
+// but PL_SOCK_NOTHING_YET when the time-out passed with nothing received.
+// (On Windows such a socket is fit only to be closed afterwards.)
+int PlSockRecvTimed(PlSocket s, void* buf, int n);
 // Sends each small write at once instead of waiting for the peer's
 // acknowledgement of the previous one.
 bool PlSockNoDelay(PlSocket s);

@@ -19,7 +19,7 @@ if [[ $what == test || $what == bench ]]; then
   apps+=(dokuwiki phpliteadmin php-sqlite3 php-mbstring php-xml)
 fi
 if [[ $what == bench ]]; then
-  pkgs+=(nginx-light lighttpd wrk)
+  pkgs+=(nginx-light lighttpd wrk valgrind strace)
 fi
 
 SUDO=""; [[ $(id -u) -ne 0 ]] && SUDO=sudo

@@ -67,6 +67,35 @@ TEST(Fcgi, ParamsKeepOrderAndSplitAtTheFirstEquals) {
   }
 }
 
+// The whole stream back from its records, whatever their number: empty,
+// one record, or pairs spread over several (a pair may straddle two).
+TEST(Fcgi, ParamsStreamOfAnySize) {
+  std::vector<std::vector<std::string>> lists = {
+      {}, {"ONLY="}, {"A=1", "BIG=" + std::string(70000, 'v'), "Z=last"}, {"X=" + std::string(65530, 'x'), "Y=y"}};
+  for (const auto& list : lists) {
+    CStrList env;
+    for (const std::string& e : list) env.Add(e.c_str());
+    std::string out, joined;
+    FcgiAddParams(out, 3, env);
+    size_t at = 0, records = 0;
+    for (;;) {
+      ASSERT_LE(at + 8, out.size());
+      FcgiHeader h = HeaderAt(out, at);
+      EXPECT_EQ(h.Type, FCGI_PARAMS);
+      records++;
+      if (h.ContentLength == 0) break;
+      joined.append(out, at + 8, h.ContentLength);
+      at += 8 + h.ContentLength + h.PaddingLength;
+    }
+    EXPECT_EQ(at + 8, out.size()) << "one empty record ends the stream";
+    std::vector<std::pair<std::string, std::string>> pairs;
+    ASSERT_TRUE(FcgiParseNameValues(joined.data(), joined.size(), &pairs));
+    ASSERT_EQ(pairs.size(), list.size());
+    for (size_t i = 0; i < list.size(); i++) EXPECT_EQ(pairs[i].first + "=" + pairs[i].second, list[i]);
+    EXPECT_EQ(records, list.empty() ? 1u : joined.size() <= 65535 ? 2u : 3u);
+  }
+}
+
 TEST(Fcgi, HeaderAndEndRequestDecoding) {
   const unsigned char badVersion[8] = {2, 6, 0, 1, 0, 0, 0, 0};
   FcgiHeader h;

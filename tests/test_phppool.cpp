@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -229,6 +230,82 @@ TEST_F(PhpPoolTest, IdleWorkerKilledFromOutsideIsReplaced) {
   for (long long pid : Pool.WorkerPids())
     while (ProcessAlive(pid)) PlSleepMs(5);
   for (int i = 0; i < 5; i++) EXPECT_EQ(Get("query.php", "n=1").Result, PHP_RUN_DONE) << i;
+}
+
+// Workers keep their connection open between requests. Whatever happens
+// to it while it is idle, the next request is answered, and no request
+// reaches a worker twice.
+TEST_F(PhpPoolTest, KeptConnectionsOutliveNothingTheyShouldNot) {
+  auto pidOf = [](const PhpRun& r) { return std::stoll(r.Out.substr(r.Out.find("pid=") + 4)); };
+  struct Case {
+    const char* Name;
+    std::function<void()> BetweenRequests;
+  } cases[] = {
+      {"nothing", [] {}},
+      // Killed while idle: its connection is closed under the pool's feet.
+      {"both workers killed",
+       [this] {
+         std::vector<long long> pids = Pool.WorkerPids();
+         for (long long pid : pids) PlProcessKillId(pid);
+         for (long long pid : pids)
+           while (EnginesProcessAlive(pid)) PlSleepMs(5);
+       }},
+      // A script that never reads the body it was sent: the worker drops
+      // the rest itself, and the connection is fit for the next request.
+      {"unread upload",
+       [this] {
+         CStrList env;
+         Env(env, "query.php", "n=post");
+         env.Add("REQUEST_METHOD=POST");
+         env.Add("CONTENT_TYPE=application/octet-stream");
+         std::string body(300000, 'b');
+         env.Add(("CONTENT_LENGTH=" + std::to_string(body.size())).c_str());
+         EXPECT_EQ(Exec(env, body).Result, PHP_RUN_DONE);
+       }},
+  };
+  for (const Case& c : cases) {
+    for (int i = 0; i < 4; i++) ASSERT_EQ(Get("query.php", "n=warm").Result, PHP_RUN_DONE) << c.Name;
+    c.BetweenRequests();
+    for (int i = 0; i < 6; i++) {
+      PhpRun r = Get("query.php", "n=" + std::to_string(i));
+      ASSERT_EQ(r.Result, PHP_RUN_DONE) << c.Name << " " << i;
+      EXPECT_EQ(Body(r).substr(0, Body(r).find(';')), "q=" + std::to_string(i)) << c.Name;
+      EXPECT_TRUE(EnginesProcessAlive(pidOf(r))) << c.Name;
+    }
+  }
+}
+
+// A worker that ends the connection and itself after each request (its own
+// request limit set to one): each next request goes to a new connection on
+// a live worker, never into the closed one.
+TEST(PhpPoolKept, WorkerThatLeavesAfterEachRequest) {
+  std::string cmd = EnginesPhpCommandLine();
+  if (cmd.empty()) GTEST_SKIP() << "php-cgi is not installed";
+  EnginesTempDir dir;
+  EnginesWriteFile(dir / "pid.php", "<?php echo getmypid();");
+  CStrList env;
+  EnginesPhpOptions(env);
+  env.Add("PHP_FCGI_MAX_REQUESTS=1");  // ahead of the pool's own, so php-cgi takes it
+  PhpPool pool;
+  pool.WaitForWorkerMs = 60000;
+  ASSERT_TRUE(pool.Start(cmd.c_str(), 2, &env)) << pool.FailureText().c_str();
+  std::vector<long long> seen;
+  for (int i = 0; i < 5; i++) {
+    CStrList vars;
+    vars.Add(("SCRIPT_FILENAME=" + dir / "pid.php").c_str());
+    vars.Add("REQUEST_METHOD=GET");
+    PhpRequest req(pool);
+    ASSERT_TRUE(req.Send(vars, nullptr, 0)) << i;
+    std::string out;
+    char buf[256];
+    int n;
+    while ((n = req.Read(buf, sizeof buf)) > 0) out.append(buf, (size_t)n);
+    ASSERT_EQ(req.Result(), PHP_RUN_DONE) << i;
+    long long pid = std::stoll(out.substr(out.find("\r\n\r\n") + 4));
+    EXPECT_EQ(std::find(seen.begin(), seen.end(), pid), seen.end()) << "worker " << pid << " served twice";
+    seen.push_back(pid);
+    while (EnginesProcessAlive(pid)) PlSleepMs(5);
+  }
 }
 
 TEST_F(PhpPoolTest, ScriptPastTheTimeOutIsStopped) {

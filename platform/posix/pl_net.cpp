@@ -200,6 +200,13 @@ bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {
   return setsockopt(Fd(s), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
 }
 
+bool PlSockSetRecvTimeoutMs(PlSocket s, int timeoutMs) {
+  timeval tv;
+  tv.tv_sec = timeoutMs > 0 ? timeoutMs / 1000 : 0;
+  tv.tv_usec = timeoutMs > 0 ? (timeoutMs % 1000) * 1000 : 0;
+  return setsockopt(Fd(s), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
+}
+
 int PlSockSend(PlSocket s, const void* buf, int n) {
   if (n < 0) return -1;
   for (;;) {
@@ -223,6 +230,16 @@ int PlSockRecvNoWait(PlSocket s, void* buf, int n) {
   if (n < 0) return -1;
   for (;;) {
     ssize_t r = recv(Fd(s), buf, static_cast<size_t>(n), MSG_DONTWAIT);
+    if (r >= 0) return static_cast<int>(r);
+    if (errno == EAGAIN || errno == EWOULDBLOCK) return PL_SOCK_NOTHING_YET;
+    if (errno != EINTR) return -1;
+  }
+}
+
+int PlSockRecvTimed(PlSocket s, void* buf, int n) {
+  if (n < 0) return -1;
+  for (;;) {
+    ssize_t r = recv(Fd(s), buf, static_cast<size_t>(n), 0);
     if (r >= 0) return static_cast<int>(r);
     if (errno == EAGAIN || errno == EWOULDBLOCK) return PL_SOCK_NOTHING_YET;
     if (errno != EINTR) return -1;

@@ -188,6 +188,11 @@ bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {
   return setsockopt(Sock(s), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&ms), sizeof ms) == 0;
 }
 
+bool PlSockSetRecvTimeoutMs(PlSocket s, int timeoutMs) {
+  DWORD ms = timeoutMs > 0 ? static_cast<DWORD>(timeoutMs) : 0u;
+  return setsockopt(Sock(s), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&ms), sizeof ms) == 0;
+}
+
 int PlSockSend(PlSocket s, const void* buf, int n) {
   if (n < 0) return -1;
   int r = send(Sock(s), static_cast<const char*>(buf), n, 0);
@@ -231,6 +236,13 @@ int PlSockRecvNoWait(PlSocket s, void* buf, int n) {
   if (n < 0 || ioctlsocket(Sock(s), FIONREAD, &ready) != 0) return -1;
   if (ready == 0) return PL_SOCK_NOTHING_YET;
   return PlSockRecv(s, buf, n);
+}
+
+int PlSockRecvTimed(PlSocket s, void* buf, int n) {
+  if (n < 0) return -1;
+  int r = recv(Sock(s), static_cast<char*>(buf), n, 0);
+  if (r != SOCKET_ERROR) return r;
+  return WSAGetLastError() == WSAETIMEDOUT ? PL_SOCK_NOTHING_YET : -1;
 }
 
 bool PlResolveHost(const char* host, unsigned* addr) {
