@@ -321,15 +321,9 @@ bool CHttpServer::HasRequestBody(int method) {
 
 const char* CHttpServer::Time(long long* now) {
   // One buffer per thread: connection threads format dates concurrently.
-  // The text changes once a second; formatting it costs more than many a
-  // small reply.
   thread_local char buf[kDateSize];
-  thread_local long long formatted = -1;
   long long t = (long long)time(nullptr);
-  if (t != formatted) {
-    FormatHttpDate(t, buf);
-    formatted = t;
-  }
+  FormatHttpDate(t, buf);
   if (now) *now = t;
   return buf;
 }

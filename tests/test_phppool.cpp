@@ -248,7 +248,7 @@ TEST_F(PhpPoolTest, KeptConnectionsOutliveNothingTheyShouldNot) {
          std::vector<long long> pids = Pool.WorkerPids();
          for (long long pid : pids) PlProcessKillId(pid);
          for (long long pid : pids)
-           while (EnginesProcessAlive(pid)) PlSleepMs(5);
+           while (ProcessAlive(pid)) PlSleepMs(5);
        }},
       // A script that never reads the body it was sent: the worker drops
       // the rest itself, and the connection is fit for the next request.
@@ -270,7 +270,7 @@ TEST_F(PhpPoolTest, KeptConnectionsOutliveNothingTheyShouldNot) {
       PhpRun r = Get("query.php", "n=" + std::to_string(i));
       ASSERT_EQ(r.Result, PHP_RUN_DONE) << c.Name << " " << i;
       EXPECT_EQ(Body(r).substr(0, Body(r).find(';')), "q=" + std::to_string(i)) << c.Name;
-      EXPECT_TRUE(EnginesProcessAlive(pidOf(r))) << c.Name;
+      EXPECT_TRUE(ProcessAlive(pidOf(r))) << c.Name;
     }
   }
 }
@@ -279,12 +279,12 @@ TEST_F(PhpPoolTest, KeptConnectionsOutliveNothingTheyShouldNot) {
 // request limit set to one): each next request goes to a new connection on
 // a live worker, never into the closed one.
 TEST(PhpPoolKept, WorkerThatLeavesAfterEachRequest) {
-  std::string cmd = EnginesPhpCommandLine();
+  std::string cmd = PhpCommandLine();
   if (cmd.empty()) GTEST_SKIP() << "php-cgi is not installed";
-  EnginesTempDir dir;
-  EnginesWriteFile(dir / "pid.php", "<?php echo getmypid();");
+  TempDir dir;
+  dir.Write("pid.php", "<?php echo getmypid();");
   CStrList env;
-  EnginesPhpOptions(env);
+  AddPhpOptions(env);
   env.Add("PHP_FCGI_MAX_REQUESTS=1");  // ahead of the pool's own, so php-cgi takes it
   PhpPool pool;
   pool.WaitForWorkerMs = 60000;
@@ -292,7 +292,7 @@ TEST(PhpPoolKept, WorkerThatLeavesAfterEachRequest) {
   std::vector<long long> seen;
   for (int i = 0; i < 5; i++) {
     CStrList vars;
-    vars.Add(("SCRIPT_FILENAME=" + dir / "pid.php").c_str());
+    vars.Add(("SCRIPT_FILENAME=" + dir.Join("pid.php")).c_str());
     vars.Add("REQUEST_METHOD=GET");
     PhpRequest req(pool);
     ASSERT_TRUE(req.Send(vars, nullptr, 0)) << i;
@@ -304,7 +304,7 @@ TEST(PhpPoolKept, WorkerThatLeavesAfterEachRequest) {
     long long pid = std::stoll(out.substr(out.find("\r\n\r\n") + 4));
     EXPECT_EQ(std::find(seen.begin(), seen.end(), pid), seen.end()) << "worker " << pid << " served twice";
     seen.push_back(pid);
-    while (EnginesProcessAlive(pid)) PlSleepMs(5);
+    while (ProcessAlive(pid)) PlSleepMs(5);
   }
 }
 
