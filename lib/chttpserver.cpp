@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <deque>
 #include <thread>
 #include <unordered_map>
@@ -38,6 +40,10 @@ int IdleAcceptorsMax() {
   static const int most = 2 * (int)std::max(std::thread::hardware_concurrency(), 1u);
   return most;
 }
+
+// How long a thread beyond the accepting few waits to be called back
+// before it ends.
+const int kParkedLeaveSec = 30;
 
 // How long StopListening waits for the threads in accept to leave it before
 // the listener's descriptor is closed (and its number can be reused).
@@ -81,6 +87,11 @@ struct LiveClients {
   std::unordered_set<PlSocket> Evicted;  // shut down, not yet closed
   int Threads = 0;
   bool Stopping = false;
+  // Threads beyond the accepting few wait here to be called back, instead
+  // of ending and being started anew a moment later.
+  std::condition_variable_any Unparked;
+  int Parked = 0;
+  int Calls = 0;  // parked threads called back and not yet up
   LiveClients() { NoneLeft.Set(); }
 };
 
@@ -92,6 +103,13 @@ void ForgetSocket(LiveClients& live, PlSocket sock) {
   live.InHead.erase(sock);
   live.Evicted.erase(sock);
 }
+
+// PlMutex under the names the standard condition variable locks with.
+struct LockableRef {
+  PlMutex& M;
+  void lock() { M.Lock(); }
+  void unlock() { M.Unlock(); }
+};
 
 // Pops entries of connections that are past their head from the front, so
 // the queue only ever spans the oldest connection still waiting for one.
@@ -186,6 +204,7 @@ void CHttpServer::DrainClients() {
   {
     PlLock g(Live->Lock);
     Live->Stopping = true;
+    Live->Unparked.notify_all();
     for (PlSocket s : Live->Sockets) PlSockShutdownBoth(s);
   }
   // A thread still running after the bounded wait (a long CGI run) would use
@@ -232,10 +251,17 @@ void CHttpServer::AcceptAndServe() {
     PlSocket listener;
     {
       PlLock g(Live->Lock);
-      listener = Live->Listener;
-      if (listener == PL_NO_SOCKET || Live->Stopping || Live->Acceptors >= IdleAcceptorsMax()) {
-        WorkerGone();
-        return;
+      for (;;) {
+        listener = Live->Listener;
+        if (listener == PL_NO_SOCKET || Live->Stopping) {
+          WorkerGone();
+          return;
+        }
+        if (Live->Acceptors < IdleAcceptorsMax()) break;
+        if (!Park()) {
+          WorkerGone();
+          return;
+        }
       }
       Live->Acceptors++;
     }
@@ -253,11 +279,33 @@ void CHttpServer::AcceptAndServe() {
         return;
       }
       another = Live->Acceptors == 0 && Live->Listener == listener && !Live->Stopping;
+      if (another && Live->Parked > Live->Calls) {
+        Live->Calls++;
+        Live->Unparked.notify_one();
+        another = false;
+      }
       if (another && Live->Threads++ == 0) Live->NoneLeft.Reset();
     }
     if (another) StartAcceptor();
     AcceptOne(sock, remoteAddr, remotePort);
   }
+}
+
+// Waits, with the lock held, to be called back to accept; false when none
+// came for a while (or the server stops), and the thread should end.
+bool CHttpServer::Park() {
+  LockableRef lock{Live->Lock};
+  Live->Parked++;
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(kParkedLeaveSec);
+  bool called = Live->Unparked.wait_until(lock, until, [this] {
+    return Live->Calls > 0 || Live->Stopping || Live->Listener == PL_NO_SOCKET;
+  });
+  Live->Parked--;
+  if (Live->Calls > 0) {
+    Live->Calls--;
+    return true;
+  }
+  return called;  // stopping: the caller sees it and ends
 }
 
 // Counts a thread out; called with the lock held.
@@ -460,6 +508,7 @@ bool CHttpServer::StopListening() {
   {
     PlLock g(Live->Lock);
     Live->Listener = PL_NO_SOCKET;
+    Live->Unparked.notify_all();
   }
   PlSockShutdownBoth(ListeningSock);
   // A thread still busy after a second (serving a connection) keeps its

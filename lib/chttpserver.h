@@ -261,6 +261,7 @@ class CHttpServer {
   static unsigned int AcceptorThread(void* server);
   void AcceptAndServe();
   void WaitForAcceptorsToLeave();
+  bool Park();
   void WorkerGone();
   void ClientSocketClosing(HTTPS_CLIENT* client);
   void ServeRequest(HTTPS_CLIENT* client);
