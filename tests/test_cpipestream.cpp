@@ -150,25 +150,13 @@ TEST(CPipeStream, GetsLineEndRules) {
   EXPECT_TRUE(p.Gets(line).IsEmpty());
 }
 
-// Windows (and wine) start every process with a few variables of their own,
-// whatever block it is given; those are not the caller's.
-std::string WithoutSystemVariables(const std::string& env) {
-  if (!TestOnWindows()) return env;
-  std::string kept, line;
-  std::istringstream lines(env);
-  while (std::getline(lines, line))
-    if (line.rfind("WINE", 0) != 0 && line.rfind("SystemDrive=", 0) != 0 && line.rfind("SystemRoot=", 0) != 0)
-      kept += line + "\n";
-  return kept;
-}
-
 TEST(CPipeStream, ChildGetsTheGivenEnvironmentOrOurs) {
   CStrList env, none;
   env.Add("ALPHA=1");
   env.Add("EMPTY=");
   env.Add("SPACED=two words");
   CPipeStream p;
-  EXPECT_EQ(WithoutSystemVariables(RunToEnd(p, HelperCmd("env"), CPIPE_READ, &env)), "ALPHA=1\nEMPTY=\nSPACED=two words\n");
+  EXPECT_EQ(EnginesWithoutSystemVariables(RunToEnd(p, HelperCmd("env"), CPIPE_READ, &env)), "ALPHA=1\nEMPTY=\nSPACED=two words\n");
   // No list and an empty list alike: the child inherits ours.
   EXPECT_NE(RunToEnd(p, HelperCmd("env"), CPIPE_READ, &none).find("PATH="), std::string::npos);
   EXPECT_NE(RunToEnd(p, HelperCmd("env")).find("PATH="), std::string::npos);

@@ -36,6 +36,41 @@ void EnginesPhpOptions(CStrList& env) {
   if (FindPhpInterpreter(CStr("/nonexistent"), path, args)) PhpAddOptionsEnvironment(path, env);
 }
 
+std::string EnginesPathSeenByPhp(const std::string& path) {
+  if (!TestUnderWine()) return path;
+  // wine's own call for the host's name of a Windows path; its result lives
+  // on the process heap, and a test may leave those few bytes there.
+  typedef char* (*UnixNameFunc)(const wchar_t*);
+  void* kernel = PlDlOpen("kernel32.dll");
+  auto unixName = reinterpret_cast<UnixNameFunc>(PlDlSymbol(kernel, "wine_get_unix_file_name"));
+  const char* name = unixName ? unixName(std::wstring(path.begin(), path.end()).c_str()) : nullptr;
+  PlDlClose(kernel);
+  if (!name) {  // wine names only files whose directory exists: name that
+    size_t cut = path.find_last_of("/\\");
+    if (!unixName || cut == std::string::npos || cut < 3) return path;
+    return EnginesPathSeenByPhp(path.substr(0, cut)) + "/" + path.substr(cut + 1);
+  }
+  // wine names the file through its drive's link in the prefix; the relay
+  // hands PHP the link resolved: C: is the prefix's drive_c, Z: the root.
+  std::string host = name;
+  size_t at = host.find("/dosdevices/");
+  if (at == std::string::npos || host.size() < at + 14 || host[at + 13] != ':') return host;
+  std::string rest = host.substr(at + 14);
+  if (host[at + 12] == 'c') return host.substr(0, at) + "/drive_c" + rest;
+  if (host[at + 12] == 'z') return rest.empty() ? "/" : rest;
+  return host;
+}
+
+std::string EnginesWithoutSystemVariables(const std::string& env) {
+  if (!TestOnWindows()) return env;
+  std::string kept, line;
+  std::istringstream lines(env);
+  while (std::getline(lines, line))
+    if (line.rfind("WINE", 0) != 0 && line.rfind("SystemDrive=", 0) != 0 && line.rfind("SystemRoot=", 0) != 0)
+      kept += line + "\n";
+  return kept;
+}
+
 std::string EnginesReadFile(const std::string& path) {
   std::ostringstream out;
   out << std::ifstream(path, std::ios::binary).rdbuf();

@@ -18,6 +18,14 @@ std::string EnginesPoolHelperPath();  // tests/helpers/pool_helper
 std::string EnginesPhpCommandLine();
 // Appends the variables that give that interpreter the player's settings.
 void EnginesPhpOptions(CStrList& env);
+// A path of ours as the interpreter sees it. Under wine, PHP is the host's,
+// reached through the php-cgi.exe stand-in, and opens files by the host's
+// names ("C:/x" -> "/.../dosdevices/c:/x"); elsewhere the path itself.
+std::string EnginesPathSeenByPhp(const std::string& path);
+// The environment text without the variables the system gives every
+// process, whatever block its parent passed (wine's WINE* and the system
+// drive and root); unchanged off Windows.
+std::string EnginesWithoutSystemVariables(const std::string& env);
 // True while the process runs (a zombie counts as ended). Linux only.
 bool EnginesProcessAlive(long long pid);
 std::string EnginesReadFile(const std::string& path);
