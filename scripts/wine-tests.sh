@@ -35,7 +35,7 @@ if [[ -n $standin && -x /usr/bin/php-cgi ]]; then
   python3 "$(dirname "$0")/../tests/helpers/php_relay.py" "$standin/php-relay.port" &
   relay=$!
   for _ in $(seq 50); do [[ -f $standin/php-relay.port ]] && break; sleep 0.1; done
-  export WINEPATH="Z:${standin//\//\\}"
+  export WINEPATH="Z:${standin//\//\\}" LUMETTA_PHP_STANDIN=$standin
 fi
 cleanup() {
   [[ -n ${relay:-} ]] && kill "$relay" 2>/dev/null

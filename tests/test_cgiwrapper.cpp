@@ -339,7 +339,7 @@ TEST_P(CgiTest, NoInterpreterLeftOnceTheServerStops) {
   Srv.reset();
   CgiUsePool(nullptr, nullptr);
   Pool.Stop();
-  for (long long pid : pids) EXPECT_FALSE(EnginesProcessAlive(pid)) << pid;
+  for (long long pid : pids) EXPECT_FALSE(PlProcessIdAlive(pid)) << pid;
 }
 
 // Redirects as PHP makes them: a Location alone, or with a status of its own.

@@ -336,7 +336,7 @@ TEST_F(PhpStandIn, WorkersThatCanNoLongerStartFallBackWithOneLogLine) {
   StandIn("exit 1");
   for (long long pid : Pool.WorkerPids()) {
     PlProcessKillId(pid);
-    while (EnginesProcessAlive(pid)) PlSleepMs(5);  // not a request lost to a worker mid-kill
+    while (PlProcessIdAlive(pid)) PlSleepMs(5);  // not a request lost to a worker mid-kill
   }
   for (int n = 1; n < 6; n++) EXPECT_EQ(Page(n), "page " + std::to_string(n));
   EXPECT_FALSE(Pool.IsRunning());
@@ -352,14 +352,7 @@ TEST(PhpBundled, OwnIniHoldsWhateverTheQuery) {
   if (!FindPhpInterpreter(CStr("/nonexistent"), systemPhp, args)) GTEST_SKIP() << "php-cgi is not installed";
   ScratchDir dir;
   dir.Write("prog/Php5/php.ini", "memory_limit=77M\n");
-  const std::string bundled = dir.Path() + "/prog/Php5/" + TestExeName("php-cgi");
-  if (TestOnWindows()) {
-    // A Windows interpreter is shipped with the files beside it.
-    for (const auto& f : fs::directory_iterator(fs::path(systemPhp.c_str()).parent_path()))
-      fs::copy_file(f.path(), dir.Path() + "/prog/Php5/" + f.path().filename().string());
-  } else {
-    fs::create_symlink(systemPhp.c_str(), bundled);
-  }
+  const std::string bundled = EnginesCopyInterpreter(systemPhp.c_str(), dir.Path() + "/prog/Php5");
   dir.Write("home/m.php", "<?php echo ini_get('memory_limit'), ':', $_SERVER['QUERY_STRING'];");
   CStr php;
   ASSERT_TRUE(FindPhpInterpreter(CStr((dir.Path() + "/prog").c_str()), php, args));

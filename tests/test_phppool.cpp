@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "server_support.h"
 #include "phppool.h"
 #include "pl_process.h"
+#include "portable.h"
 
 namespace {
 
@@ -100,14 +102,21 @@ class PhpPoolTest : public ::testing::Test {
 TEST_F(PhpPoolTest, ManyRequestsOnTheSameWorkers) {
   std::vector<long long> pids = Pool.WorkerPids();
   ASSERT_EQ(pids.size(), 2u);
+  std::set<long long> seen;
   for (int i = 0; i < 300; i++) {
     PhpRun r = Get("query.php", "n=" + std::to_string(i));
     ASSERT_EQ(r.Result, PHP_RUN_DONE);
     std::string body = Body(r);
     ASSERT_EQ(body.substr(0, body.find(';')), "q=" + std::to_string(i));
     long long pid = std::stoll(body.substr(body.find("pid=") + 4));
-    EXPECT_NE(std::find(pids.begin(), pids.end(), pid), pids.end());
+    seen.insert(pid);
+    // Under wine the script's process is the host's interpreter behind
+    // the worker, numbered by the host.
+    if (!TestUnderWine()) {
+      EXPECT_NE(std::find(pids.begin(), pids.end(), pid), pids.end());
+    }
   }
+  EXPECT_LE(seen.size(), pids.size());
   EXPECT_EQ(Pool.WorkerPids(), pids);
 }
 
@@ -126,18 +135,18 @@ TEST_F(PhpPoolTest, ScriptSeesExactlyTheVariablesSentInOrder) {
   std::string lines;
   CStrList options;  // the workers' own environment comes first
   EnginesPhpOptions(options);
-  for (int i = 0; i < options.Count(); i++) lines += std::string(options[i]->c_str()) + "\n";
+  for (int i = 0; i < options.Count(); i++) lines += EnginesVariableSeenByPhp(options[i]->c_str()) + "\n";
   std::string longValue(300, 'v');  // lengths past 127 take four bytes
   for (std::string entry : {"SCRIPT_FILENAME=" + Dir / "server.php", std::string("QUERY_STRING="),
                             std::string("HTTP_COOKIE=a=1; b=2"), std::string("REQUEST_METHOD=GET"),
                             "HTTP_USER_AGENT=" + longValue, std::string("PATH_INFO="),
                             std::string("SERVER_SOFTWARE=Lumetta/1.0.3 (Windows)"), std::string("Z_LAST=end")}) {
     env.Add(entry.c_str());
-    lines += entry + "\n";
+    lines += EnginesVariableSeenByPhp(entry) + "\n";
   }
   PhpRun r = Exec(env);
   ASSERT_EQ(r.Result, PHP_RUN_DONE);
-  EXPECT_EQ(Body(r), lines);
+  EXPECT_EQ(EnginesWithoutSystemVariables(Body(r)), lines);
 }
 
 // The same variables reach a script run the old way, one php-cgi over CGI
@@ -162,7 +171,7 @@ TEST_F(PhpPoolTest, SameVariablesAsOneInterpreterPerRequest) {
   PhpRun pooled = Exec(env, "abc");
   EXPECT_EQ(pooled.Result, PHP_RUN_DONE);
   EXPECT_FALSE(Body(old).empty());
-  EXPECT_EQ(Body(pooled), Body(old));
+  EXPECT_EQ(EnginesWithoutSystemVariables(Body(pooled)), EnginesWithoutSystemVariables(Body(old)));
 }
 
 TEST_F(PhpPoolTest, BodiesArriveByteExact) {
@@ -226,7 +235,7 @@ TEST_F(PhpPoolTest, IdleWorkerKilledFromOutsideIsReplaced) {
   // live one, or wait for the replacement.
   for (long long pid : Pool.WorkerPids()) PlProcessKillId(pid);
   for (long long pid : Pool.WorkerPids())
-    while (EnginesProcessAlive(pid)) PlSleepMs(5);
+    while (PlProcessIdAlive(pid)) PlSleepMs(5);
   for (int i = 0; i < 5; i++) EXPECT_EQ(Get("query.php", "n=1").Result, PHP_RUN_DONE) << i;
 }
 
@@ -244,7 +253,7 @@ TEST_F(PhpPoolTest, ScriptPastTheTimeOutIsStopped) {
   EXPECT_EQ(Get("query.php", "n=2").Result, PHP_RUN_DONE);
   auto alive = [&] {
     int n = 0;
-    for (long long pid : before) n += EnginesProcessAlive(pid);
+    for (long long pid : before) n += PlProcessIdAlive(pid);
     return n;
   };
   uint64_t deadline = PlMonotonicMs() + 3000;
@@ -282,9 +291,9 @@ TEST_F(PhpPoolTest, WorkersAreReplacedAfterTheirShareOfRequests) {
 TEST_F(PhpPoolTest, StopLeavesNoWorker) {
   std::vector<long long> pids = Pool.WorkerPids();
   ASSERT_EQ(pids.size(), 2u);
-  for (long long pid : pids) EXPECT_TRUE(EnginesProcessAlive(pid));
+  for (long long pid : pids) EXPECT_TRUE(PlProcessIdAlive(pid));
   Pool.Stop();
-  for (long long pid : pids) EXPECT_FALSE(EnginesProcessAlive(pid)) << pid;
+  for (long long pid : pids) EXPECT_FALSE(PlProcessIdAlive(pid)) << pid;
   EXPECT_FALSE(Pool.IsRunning());
   EXPECT_EQ(Get("query.php").Result, PHP_RUN_NO_WORKER);
 }
@@ -318,7 +327,7 @@ TEST_F(PhpPoolTest, NoWorkerOutlivesAKilledPlayer) {
   bool anyAlive = true;
   while (anyAlive && PlMonotonicMs() < deadline) {
     anyAlive = false;
-    for (long long pid : pids) anyAlive = anyAlive || EnginesProcessAlive(pid);
+    for (long long pid : pids) anyAlive = anyAlive || PlProcessIdAlive(pid);
     if (anyAlive) PlSleepMs(20);
   }
   EXPECT_FALSE(anyAlive);
@@ -331,12 +340,11 @@ TEST(PhpPoolStart, GivesUpWhenWorkersCannotBeReplaced) {
   if (cmd.empty()) GTEST_SKIP() << "php-cgi is not installed";
   EnginesTempDir dir;
   std::string program = cmd.substr(1, cmd.find('"', 1) - 1);
-  std::filesystem::copy_file(program, dir / "php-cgi");
-  std::filesystem::permissions(dir / "php-cgi", std::filesystem::perms::owner_all);
+  std::string copy = EnginesCopyInterpreter(program, dir.Path);
   EnginesWriteFile(dir / "page.php", "<?php echo 'up';");
   PhpPool pool;
-  ASSERT_TRUE(pool.Start(("\"" + dir / "php-cgi" + "\"" + cmd.substr(cmd.find('"', 1) + 1)).c_str(), 1));
-  std::filesystem::remove(dir / "php-cgi");
+  ASSERT_TRUE(pool.Start(("\"" + copy + "\"" + cmd.substr(cmd.find('"', 1) + 1)).c_str(), 1));
+  std::filesystem::rename(copy, copy + ".gone");  // Windows keeps a running program's file
   for (long long pid : pool.WorkerPids()) PlProcessKillId(pid);
   uint64_t start = PlMonotonicMs();
   CStrList env;

@@ -10,11 +10,18 @@
 // program, never from the environment: the gateway gives its child an exact
 // environment, which must reach PHP unchanged.
 //
+// With "-b \\.\pipe\NAME" it is a FastCGI worker as php-cgi.exe is one: the
+// relay starts a FastCGI php-cgi on the host for it, and it makes the named
+// pipe and carries each connection to that interpreter over a loopback
+// connection of its own. The host's interpreter ends with this program.
+//
 // Wire format, both ways over one loopback connection: frames of a type
 // byte, a 32-bit little-endian length and that many bytes. Ours: 'k' key,
 // 'a' one argument, 'v' one variable, 'd' directory, 'g' go (header done),
-// 'i' standard input, 'I' its end. The relay's: 'o' output, 'e' error
-// output, 'x' the 32-bit exit code.
+// 'i' standard input, 'I' its end; or 'k' key, 'w' worker, 'g', and then
+// the bytes of one FastCGI connection as they are. The relay's: 'o' output,
+// 'e' error output, 'r' the worker is ready (its name), 'x' the 32-bit exit
+// code.
 #include <winsock2.h>
 #include <windows.h>
 
@@ -27,9 +34,9 @@ namespace {
 SOCKET Relay = INVALID_SOCKET;
 CRITICAL_SECTION SendLock;
 
-bool SendAll(const char* p, int n) {
+bool SendAll(const char* p, int n, SOCKET to = Relay) {
   while (n > 0) {
-    int k = send(Relay, p, n, 0);
+    int k = send(to, p, n, 0);
     if (k <= 0) return false;
     p += k;
     n -= k;
@@ -37,15 +44,17 @@ bool SendAll(const char* p, int n) {
   return true;
 }
 
-bool SendFrame(char type, const void* data, unsigned n) {
+bool SendFrame(char type, const void* data, unsigned n, SOCKET to = Relay) {
   char head[5] = {type, char(n), char(n >> 8), char(n >> 16), char(n >> 24)};
   EnterCriticalSection(&SendLock);
-  bool ok = SendAll(head, 5) && SendAll(static_cast<const char*>(data), int(n));
+  bool ok = SendAll(head, 5, to) && SendAll(static_cast<const char*>(data), int(n), to);
   LeaveCriticalSection(&SendLock);
   return ok;
 }
 
-bool SendText(char type, const std::string& s) { return SendFrame(type, s.data(), unsigned(s.size())); }
+bool SendText(char type, const std::string& s, SOCKET to = Relay) {
+  return SendFrame(type, s.data(), unsigned(s.size()), to);
+}
 
 bool RecvAll(char* p, int n) {
   while (n > 0) {
@@ -81,16 +90,19 @@ bool ReadRelayAddress(unsigned short* port, std::string* key) {
   return ok && p > 0;
 }
 
-bool ConnectRelay(unsigned short port) {
-  WSADATA wsa;
-  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return false;
-  Relay = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  if (Relay == INVALID_SOCKET) return false;
+unsigned short RelayPort;
+std::string RelayKey;
+
+SOCKET ConnectRelay() {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  if (s == INVALID_SOCKET) return s;
   sockaddr_in a = {};
   a.sin_family = AF_INET;
-  a.sin_port = htons(port);
+  a.sin_port = htons(RelayPort);
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return connect(Relay, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+  if (connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return s;
+  closesocket(s);
+  return INVALID_SOCKET;
 }
 
 // The command line split as the C run-time split it, the environment block
@@ -129,8 +141,9 @@ bool WriteHandle(DWORD which, const char* p, DWORD n) {
   return true;
 }
 
-// Copies the relay's frames to our streams until the exit code comes.
-int RelayOutput() {
+// Copies the relay's frames to our streams until the exit code comes; a
+// ready worker's name goes to onReady.
+int RelayOutput(void (*onReady)(const std::string&) = nullptr) {
   std::string data;
   for (;;) {
     unsigned char head[5];
@@ -145,20 +158,121 @@ int RelayOutput() {
     // draining so the interpreter can finish.
     if (head[0] == 'o') WriteHandle(STD_OUTPUT_HANDLE, data.data(), n);
     if (head[0] == 'e') WriteHandle(STD_ERROR_HANDLE, data.data(), n);
+    if (head[0] == 'r' && onReady) onReady(data);
   }
+}
+
+// ------------------------------------------------------------ FastCGI worker
+
+std::string PipeName, WorkerName;
+
+// Blocking transfer on a pipe opened for overlapped I/O, so that one thread
+// can read while another writes.
+bool PipeIo(HANDLE pipe, bool write, char* buf, DWORD n, DWORD* done) {
+  OVERLAPPED ov = {};
+  ov.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  bool ok = write ? WriteFile(pipe, buf, n, nullptr, &ov) : ReadFile(pipe, buf, n, nullptr, &ov);
+  ok = (ok || GetLastError() == ERROR_IO_PENDING) && GetOverlappedResult(pipe, &ov, done, TRUE);
+  CloseHandle(ov.hEvent);
+  return ok;
+}
+
+struct Bridge {
+  HANDLE Pipe;
+  SOCKET Sock;
+};
+volatile LONG ActiveBridges = 0;
+
+// The client's bytes to the interpreter, until the client closes its end.
+DWORD WINAPI PipeToRelay(void* arg) {
+  Bridge* b = static_cast<Bridge*>(arg);
+  char buf[65536];
+  DWORD n = 0;
+  while (PipeIo(b->Pipe, false, buf, sizeof buf, &n) && n > 0)
+    if (!SendAll(buf, int(n), b->Sock)) break;
+  shutdown(b->Sock, SD_SEND);
+  return 0;
+}
+
+// One connection of the pipe's client, carried to the interpreter and back.
+DWORD WINAPI Carry(void* arg) {
+  Bridge* b = static_cast<Bridge*>(arg);
+  b->Sock = ConnectRelay();
+  if (b->Sock != INVALID_SOCKET && SendText('k', RelayKey, b->Sock) && SendText('w', WorkerName, b->Sock) &&
+      SendFrame('g', "", 0, b->Sock)) {
+    HANDLE up = CreateThread(nullptr, 0, PipeToRelay, b, 0, nullptr);
+    char buf[65536];
+    int n;
+    DWORD done;
+    while ((n = recv(b->Sock, buf, sizeof buf, 0)) > 0)
+      if (!PipeIo(b->Pipe, true, buf, DWORD(n), &done)) break;
+    FlushFileBuffers(b->Pipe);  // the client reads the reply before its end
+    CancelIoEx(b->Pipe, nullptr);
+    WaitForSingleObject(up, INFINITE);
+    CloseHandle(up);
+  }
+  if (b->Sock != INVALID_SOCKET) closesocket(b->Sock);
+  CloseHandle(b->Pipe);
+  delete b;
+  InterlockedDecrement(&ActiveBridges);
+  return 0;
+}
+
+// An interpreter that died mid-request had written its output before: let
+// the connections in flight deliver it before this program ends too.
+void DrainBridges() {
+  for (int i = 0; i < 500 && ActiveBridges > 0; i++) Sleep(10);
+}
+
+// Serves the named pipe once the host's interpreter is ready: one instance
+// per client, each carried by a thread of its own.
+DWORD WINAPI ServePipe(void*) {
+  for (;;) {
+    HANDLE pipe = CreateNamedPipeA(PipeName.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+                                   PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT, PIPE_UNLIMITED_INSTANCES,
+                                   65536, 65536, 0, nullptr);
+    if (pipe == INVALID_HANDLE_VALUE) ExitProcess(unsigned(Fail("cannot make the named pipe")));
+    OVERLAPPED ov = {};
+    ov.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    DWORD n;
+    bool connected = ConnectNamedPipe(pipe, &ov) || GetLastError() == ERROR_PIPE_CONNECTED ||
+                     (GetLastError() == ERROR_IO_PENDING && GetOverlappedResult(pipe, &ov, &n, TRUE));
+    CloseHandle(ov.hEvent);
+    if (!connected) {
+      CloseHandle(pipe);
+      continue;
+    }
+    InterlockedIncrement(&ActiveBridges);
+    CloseHandle(CreateThread(nullptr, 0, Carry, new Bridge{pipe, INVALID_SOCKET}, 0, nullptr));
+  }
+}
+
+void WorkerReady(const std::string& name) {
+  WorkerName = name;
+  CloseHandle(CreateThread(nullptr, 0, ServePipe, nullptr, 0, nullptr));
+}
+
+std::string PipeArgument(int argc, char** argv) {
+  for (int i = 1; i + 1 < argc; i++)
+    if (strcmp(argv[i], "-b") == 0) return argv[i + 1];
+  return "";
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   InitializeCriticalSection(&SendLock);
-  unsigned short port = 0;
-  std::string key;
-  if (!ReadRelayAddress(&port, &key)) return Fail("no php-relay.port beside the program (is the relay running?)");
-  if (!ConnectRelay(port)) return Fail("cannot reach the relay");
-  if (!SendHeader(key, argc, argv)) return Fail("the relay refused the request");
-  CloseHandle(CreateThread(nullptr, 0, PumpStdin, nullptr, 0, nullptr));
-  int code = RelayOutput();
+  if (!ReadRelayAddress(&RelayPort, &RelayKey))
+    return Fail("no php-relay.port beside the program (is the relay running?)");
+  WSADATA wsa;
+  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0 || (Relay = ConnectRelay()) == INVALID_SOCKET)
+    return Fail("cannot reach the relay");
+  if (!SendHeader(RelayKey, argc, argv)) return Fail("the relay refused the request");
+  PipeName = PipeArgument(argc, argv);
+  // A worker takes its requests from the pipe; its standard input is not ours to read.
+  if (PipeName.empty()) CloseHandle(CreateThread(nullptr, 0, PumpStdin, nullptr, 0, nullptr));
+  int code = RelayOutput(PipeName.empty() ? nullptr : WorkerReady);
+  DrainBridges();
   fflush(stderr);
   ExitProcess(unsigned(code));
 }

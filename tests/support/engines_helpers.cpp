@@ -61,6 +61,36 @@ std::string EnginesPathSeenByPhp(const std::string& path) {
   return host;
 }
 
+std::string EnginesVariableSeenByPhp(const std::string& entry) {
+  if (!TestUnderWine()) return entry;
+  size_t eq = entry.find('=');
+  std::string name = entry.substr(0, eq), value = eq == std::string::npos ? "" : entry.substr(eq + 1);
+  if (name == "PHP_INI_SCAN_DIR") {
+    std::string list, dir;
+    std::istringstream dirs(value);
+    for (bool first = true; std::getline(dirs, dir, ';'); first = false)
+      list += (first ? "" : ":") + (dir.empty() ? dir : EnginesPathSeenByPhp(dir));
+    return name + "=" + list + (!value.empty() && value.back() == ';' ? ":" : "");
+  }
+  for (const char* path : {"SCRIPT_FILENAME", "PATH_TRANSLATED", "DOCUMENT_ROOT", "PHPRC"})
+    if (name == path && !value.empty()) return name + "=" + EnginesPathSeenByPhp(value);
+  return entry;
+}
+
+std::string EnginesCopyInterpreter(const std::string& program, const std::string& dir) {
+  namespace fs = std::filesystem;
+  fs::path from(program);
+  if (TestOnWindows())
+    for (const auto& f : fs::directory_iterator(from.parent_path()))
+      if (f.is_regular_file()) fs::copy_file(f.path(), fs::path(dir) / f.path().filename());
+  std::string copy = (fs::path(dir) / from.filename()).string();
+  if (!TestOnWindows()) {
+    fs::copy_file(from, copy);
+    fs::permissions(copy, fs::perms::owner_all);
+  }
+  return copy;
+}
+
 std::string EnginesWithoutSystemVariables(const std::string& env) {
   if (!TestOnWindows()) return env;
   std::string kept, line;
@@ -77,13 +107,6 @@ std::string EnginesReadFile(const std::string& path) {
   return out.str();
 }
 
-bool EnginesProcessAlive(long long pid) {
-  // A zombie still has its /proc entry; its state letter tells.
-  std::string stat = EnginesReadFile("/proc/" + std::to_string(pid) + "/stat");
-  if (stat.empty()) return false;
-  size_t close = stat.rfind(')');
-  return close == std::string::npos || stat.compare(close + 2, 1, "Z") != 0;
-}
 
 void EnginesWriteFile(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary) << data;

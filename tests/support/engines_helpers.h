@@ -22,12 +22,17 @@ void EnginesPhpOptions(CStrList& env);
 // reached through the php-cgi.exe stand-in, and opens files by the host's
 // names ("C:/x" -> "/.../dosdevices/c:/x"); elsewhere the path itself.
 std::string EnginesPathSeenByPhp(const std::string& path);
+// A "NAME=value" entry as the interpreter sees it: under wine the paths in
+// the variables PHP opens files by are the host's, and the scan directory
+// list is separated the host's way; elsewhere the entry itself.
+std::string EnginesVariableSeenByPhp(const std::string& entry);
+// Copies the interpreter program into dir so that it runs from there, and
+// returns the copy's path. A Windows program goes with the files beside it.
+std::string EnginesCopyInterpreter(const std::string& program, const std::string& dir);
 // The environment text without the variables the system gives every
 // process, whatever block its parent passed (wine's WINE* and the system
 // drive and root); unchanged off Windows.
 std::string EnginesWithoutSystemVariables(const std::string& env);
-// True while the process runs (a zombie counts as ended). Linux only.
-bool EnginesProcessAlive(long long pid);
 std::string EnginesReadFile(const std::string& path);
 void EnginesWriteFile(const std::string& path, const std::string& data);
 
