@@ -272,8 +272,12 @@ TEST_P(PhpCompat, BusyWorkersLeaveOtherPagesToTheirOwnInterpreter) {
 
 namespace {
 
-// A stand-in for php-cgi: the real one behind a shell script whose answer
-// to a worker's socket the test chooses.
+// What the stand-in does when started as a worker.
+enum WorkerAnswer { SERVE_FASTCGI, EXIT_WITH_ERROR, ANSWER_AS_CGI };
+
+// A stand-in for php-cgi whose answer as a worker the test chooses: on
+// POSIX the real one behind a shell script; on Windows a copy of the
+// php-cgi.exe of the wine runs, told by a file beside it.
 class PhpStandIn : public ::testing::Test {
  protected:
   ScratchDir Dir;
@@ -284,15 +288,19 @@ class PhpStandIn : public ::testing::Test {
   __https_obj* Handler = nullptr;
 
   void SetUp() override {
-    SKIP_ON_WINDOWS("the stand-in interpreter is a shell script");
     CStr php, args;
     if (!FindPhpInterpreter(CStr("/nonexistent"), php, args)) GTEST_SKIP() << "php-cgi is not installed";
     RealPhp = php.c_str();
+    if (TestOnWindows()) {
+      std::string beside = RealPhp.substr(0, RealPhp.find_last_of("\\/") + 1);
+      if (!PlIsFile((beside + "php-relay.port").c_str())) GTEST_SKIP() << "needs the php-cgi.exe of the wine runs";
+      Script = TestNativePath(EnginesCopyInterpreter(RealPhp, Dir.Path()));
+    }
     ASSERT_TRUE(PhpRegisterOptions(CStr(Script.c_str()), CStr("")));
     Dir.Write("home/page.php", "<?php echo 'page ', $_GET['n'] ?? '';");
     S.reset(new TestServer(Dir.Path() + "/home"));
     S->Srv().OnCgi = CgiWrapper;
-    StandIn(":");
+    StandIn(SERVE_FASTCGI);
     Handler = S->Srv().Vadd("php", Script.c_str(), "", HTTPS_OBJ_EXT, HTTPS_OBJF_ENABLED);
     ASSERT_NE(Handler, nullptr);
   }
@@ -300,8 +308,17 @@ class PhpStandIn : public ::testing::Test {
     S.reset();
     CgiUsePool(nullptr, nullptr);
   }
-  // onSocket: what the stand-in does when its input is a listening socket.
-  void StandIn(const std::string& onSocket) {
+  void StandIn(WorkerAnswer answer) {
+    const char* const kCgiReply = "Content-Type: text/plain\r\n\r\nnot fastcgi";
+    if (TestOnWindows()) {  // the exit code's line, then what goes to the output
+      std::string file = Dir.Path() + "/php-cgi.worker";
+      PlUnlink(file.c_str());
+      if (answer != SERVE_FASTCGI) EnginesWriteFile(file, answer == EXIT_WITH_ERROR ? "1\n" : "0\n" + std::string(kCgiReply));
+      return;
+    }
+    const std::string onSocket = answer == SERVE_FASTCGI     ? ":"
+                                 : answer == EXIT_WITH_ERROR ? "exit 1"
+                                                             : "printf '" + std::string(kCgiReply) + "'; exit 0";
     EnginesWriteFile(Script + ".new", "#!/bin/sh\nif [ -S /dev/stdin ]; then " + onSocket + "; fi\nexec \"" + RealPhp +
                                           "\" \"$@\"\n");
     fs::permissions(Script + ".new", fs::perms::owner_all);
@@ -321,7 +338,7 @@ class PhpStandIn : public ::testing::Test {
 }  // namespace
 
 TEST_F(PhpStandIn, InterpreterWithoutFastCgiRunsOnePerRequest) {
-  StandIn("printf 'Content-Type: text/plain\\r\\n\\r\\nnot fastcgi'; exit 0");
+  StandIn(ANSWER_AS_CGI);
   EXPECT_FALSE(CgiStartPool(Pool, Handler, 2));
   EXPECT_FALSE(Pool.FailureText().IsEmpty());
   S->Start();
@@ -329,11 +346,11 @@ TEST_F(PhpStandIn, InterpreterWithoutFastCgiRunsOnePerRequest) {
 }
 
 TEST_F(PhpStandIn, WorkersThatCanNoLongerStartFallBackWithOneLogLine) {
-  StandIn(":");
+  StandIn(SERVE_FASTCGI);
   ASSERT_TRUE(CgiStartPool(Pool, Handler, 1)) << Pool.FailureText().c_str();
   S->Start();
   EXPECT_EQ(Page(0), "page 0");
-  StandIn("exit 1");
+  StandIn(EXIT_WITH_ERROR);
   for (long long pid : Pool.WorkerPids()) {
     PlProcessKillId(pid);
     while (PlProcessIdAlive(pid)) PlSleepMs(5);  // not a request lost to a worker mid-kill

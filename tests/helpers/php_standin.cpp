@@ -252,6 +252,22 @@ void WorkerReady(const std::string& name) {
   CloseHandle(CreateThread(nullptr, 0, ServePipe, nullptr, 0, nullptr));
 }
 
+// A test may make a worker fail: "php-cgi.worker" beside the program holds
+// the exit code on its first line and, after it, what to write instead of
+// serving. -1 when there is no such file.
+int ScriptedWorkerExit() {
+  FILE* f = fopen((ProgramDir() + "php-cgi.worker").c_str(), "rb");
+  if (!f) return -1;
+  int code = 0;
+  if (fscanf(f, "%d", &code) != 1) code = 1;
+  fgetc(f);  // the line's end
+  char buf[4096];
+  size_t n = fread(buf, 1, sizeof buf, f);
+  fclose(f);
+  WriteHandle(STD_OUTPUT_HANDLE, buf, DWORD(n));
+  return code;
+}
+
 std::string PipeArgument(int argc, char** argv) {
   for (int i = 1; i + 1 < argc; i++)
     if (strcmp(argv[i], "-b") == 0) return argv[i + 1];
@@ -262,13 +278,15 @@ std::string PipeArgument(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   InitializeCriticalSection(&SendLock);
+  PipeName = PipeArgument(argc, argv);
+  int scripted = PipeName.empty() ? -1 : ScriptedWorkerExit();
+  if (scripted >= 0) return scripted;
   if (!ReadRelayAddress(&RelayPort, &RelayKey))
     return Fail("no php-relay.port beside the program (is the relay running?)");
   WSADATA wsa;
   if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0 || (Relay = ConnectRelay()) == INVALID_SOCKET)
     return Fail("cannot reach the relay");
   if (!SendHeader(RelayKey, argc, argv)) return Fail("the relay refused the request");
-  PipeName = PipeArgument(argc, argv);
   // A worker takes its requests from the pipe; its standard input is not ours to read.
   if (PipeName.empty()) CloseHandle(CreateThread(nullptr, 0, PumpStdin, nullptr, 0, nullptr));
   int code = RelayOutput(PipeName.empty() ? nullptr : WorkerReady);
