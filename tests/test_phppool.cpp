@@ -387,3 +387,21 @@ TEST(PhpPoolStart, RefusesWhatIsNotAFastCgiApplication) {
 }
 
 }  // namespace
+
+// A worker's endpoint is reachable only by whoever knows its name: on
+// Windows a pipe name no other program can guess, on POSIX a path in our
+// private directory. Before a worker serves it, nobody answers there, at
+// once (the pool's probe retries until its worker is up).
+TEST(LocalEndpoint, NamesCannotBeGuessedAndNobodyAnswersBeforeTheWorker) {
+  EnginesTempDir dir;
+  std::string a = PlLocalEndpointPath(dir.Path, "w0-1"), b = PlLocalEndpointPath(dir.Path, "w0-1");
+  if (TestOnWindows()) {
+    EXPECT_EQ(a.rfind("\\\\.\\pipe\\lumetta-", 0), 0u) << a;
+    EXPECT_NE(a, b);
+  } else {
+    EXPECT_EQ(a, dir / "w0-1");
+  }
+  uint64_t start = PlMonotonicMs();
+  EXPECT_EQ(PlSockLocalConnect(a.c_str()), PL_NO_SOCKET);
+  EXPECT_LT(PlMonotonicMs() - start, 1000u);
+}

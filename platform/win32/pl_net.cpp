@@ -96,7 +96,7 @@ int PipeSend(LocalPipe* p, const void* buf, int n) {
 
 void PipeClose(LocalPipe* p) {
   if (p->Pending) {
-    CancelIo(p->Pipe);
+    CancelIoEx(p->Pipe, &p->ReadOv);
     DWORD n;
     GetOverlappedResult(p->Pipe, &p->ReadOv, &n, TRUE);
   }
