@@ -205,19 +205,21 @@ void PhpPool::StartMissingWorkers(bool firstRound) {
 
 PhpPool::Worker* PhpPool::StartWorker(int slotIndex, CStr* why) {
   Worker* w = new Worker;
-  w->SocketPath = SocketDir + PL_PATH_SEP + "w" + std::to_string(slotIndex) + "-" + std::to_string(++Sequence);
-  PlSocket listener = PlSockLocalListen(w->SocketPath.c_str(), 16);
-  if (listener == PL_NO_SOCKET) {
+  w->SocketPath = PlLocalEndpointPath(SocketDir, "w" + std::to_string(slotIndex) + "-" + std::to_string(++Sequence));
+  PlSocket listener = PL_NO_SOCKET;
+  PlFile endpointIn = PL_NO_FILE;
+  std::string cmdLine = CmdLine.c_str();
+  if (!PlLocalServeByChild(w->SocketPath.c_str(), &endpointIn, &cmdLine, &listener)) {
     *why = "no local socket for a PHP worker";
     delete w;
     return nullptr;
   }
   PlProcessStartInfo info;
-  info.CmdLine = CmdLine.c_str();
+  info.CmdLine = cmdLine.c_str();
   // Only the given variables: php-cgi passes its own on to every script,
   // and a script must see only those of its request and the player's.
   info.Env = EnvBlock.empty() ? "\0" : EnvBlock.c_str();
-  info.StdIn = (PlFile)listener;
+  info.StdIn = endpointIn;
   // A FastCGI application writes nothing to its standard output; a program
   // that is not one would write its CGI reply there, into our own.
   PlFile nowhere = PlOpenNullDevice();
@@ -225,7 +227,7 @@ PhpPool::Worker* PhpPool::StartWorker(int slotIndex, CStr* why) {
   info.NoWindow = true;
   info.EndWithUs = true;
   w->Proc = PlProcessStart(info);
-  PlSockCloseHandle(listener);  // the worker holds it now
+  if (listener != PL_NO_SOCKET) PlSockCloseHandle(listener);  // the worker holds it now
   PlPipeClose(nowhere);
   if (!w->Proc) {
     *why = "cannot start ";
@@ -241,18 +243,29 @@ PhpPool::Worker* PhpPool::StartWorker(int slotIndex, CStr* why) {
   return w;
 }
 
+// A worker that makes its endpoint itself (a named pipe on Windows) needs a
+// moment after its start before it can be reached.
+PlSocket PhpPool::ConnectWhenServed(Worker* w, uint64_t deadline) {
+  for (;;) {
+    PlSocket s = PlSockLocalConnect(w->SocketPath.c_str());
+    if (s != PL_NO_SOCKET || Stopping || MsLeft(deadline) == 0) return s;
+    if (PlProcessWait(w->Proc, 0) != PL_PROC_RUNNING) return PL_NO_SOCKET;
+    PlSleepMs(10);
+  }
+}
+
 // One management exchange: a FastCGI application answers the question for
 // its limits; a plain CGI program reads nothing useful from the socket and
 // exits, or hangs.
 bool PhpPool::Probe(Worker* w, CStr* why) {
-  PlSocket s = PlSockLocalConnect(w->SocketPath.c_str());
+  uint64_t deadline = PlMonotonicMs() + ProbeTimeOutSec * 1000ull;
+  PlSocket s = ConnectWhenServed(w, deadline);
   std::string question;
   std::string pairs;
   FcgiAddNameValue(pairs, "FCGI_MPXS_CONNS", 15, "", 0);
   FcgiAddRecord(question, FCGI_GET_VALUES, 0, pairs.data(), pairs.size());
   bool answered = false;
   if (s != PL_NO_SOCKET && SendWhole(s, question)) {
-    uint64_t deadline = PlMonotonicMs() + ProbeTimeOutSec * 1000ull;
     std::string got;
     while (got.size() < (size_t)FCGI_HEADER_LEN && !Stopping) {
       unsigned left = MsLeft(deadline);

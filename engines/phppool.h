@@ -87,6 +87,7 @@ class PhpPool {
   static unsigned SupervisorMain(void* self);
   void Supervise();
   Worker* StartWorker(int slotIndex, CStr* why);
+  PlSocket ConnectWhenServed(Worker* w, uint64_t deadline);
   bool Probe(Worker* w, CStr* why);
   void StartMissingWorkers(bool firstRound);
   void SwapInSpares(std::vector<Worker*>& retired);

@@ -3,6 +3,10 @@
 #ifndef LUMETTA_PL_NET_H
 #define LUMETTA_PL_NET_H
 
+#include <string>
+
+#include "pl_fs.h"  // PlFile
+
 typedef unsigned long long PlSocket;
 // "No socket". Not 0: on POSIX descriptor 0 is a valid socket.
 const PlSocket PL_NO_SOCKET = ~0ULL;
@@ -83,11 +87,23 @@ void PlSockClose(PlSocket s);
 // Closes only our own handle: a listening socket handed to a child process
 // goes on listening there.
 void PlSockCloseHandle(PlSocket s);
-// Local stream sockets named by a file-system path (Unix-domain sockets),
-// for talking to helper processes on this machine only. The path must not
-// exist yet; its directory decides who may connect. PL_NO_SOCKET on failure
-// and where the system has none (Windows for now).
-PlSocket PlSockLocalListen(const char* path, int backlog);
+// Local stream connections to helper processes on this machine only: on
+// POSIX Unix-domain sockets named by a path in a private directory, on
+// Windows named pipes with a random name. PlSockPoll, PlSockSend,
+// PlSockSendSome, PlSockRecv and PlSockClose work on both.
+//
+// The name of a new local endpoint called `name`, in the private directory
+// dir (POSIX) or as a pipe name no other program can guess (Windows).
+std::string PlLocalEndpointPath(const std::string& dir, const std::string& name);
+// Lets a child program serve the endpoint at path: on POSIX a socket
+// listening there becomes the child's standard input (*childStdIn), and
+// *ours is to be closed once the child is started; on Windows the child
+// makes the named pipe itself, told its name by " -b NAME" added to
+// *cmdTail (as php-cgi serves FastCGI there), and *ours is PL_NO_SOCKET.
+// False when the endpoint can't be made.
+bool PlLocalServeByChild(const char* path, PlFile* childStdIn, std::string* cmdTail, PlSocket* ours);
+// Connects to the endpoint; on Windows waits a little for a pipe whose
+// server is between two clients. PL_NO_SOCKET when nobody serves it.
 PlSocket PlSockLocalConnect(const char* path);
 // Closes a connected socket (never a listener), skipping that check.
 void PlSockCloseConnected(PlSocket s);

@@ -80,6 +80,9 @@ long long PlProcessId(PlProc* p);
 // Ends the process with that system id at once, whoever started it; false
 // when there is none or it may not be ended.
 bool PlProcessKillId(long long pid);
+// True while the process with that system id runs (one that has ended but
+// is not yet collected by its parent counts as ended).
+bool PlProcessIdAlive(long long pid);
 // Releases the record. The child must have been waited for.
 void PlProcessClose(PlProc* p);
 

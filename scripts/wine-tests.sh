@@ -21,9 +21,28 @@ done
 export WINEPREFIX
 WINEPREFIX=$(mktemp -d /tmp/lumetta-wine.XXXXXX)
 export WINEDEBUG=-all
+# The wine server and its system processes live for the whole run, started
+# here with no output: started later by some test, they would inherit its
+# output pipe and hold the test open until the run ends.
+wineserver -p
 # No prompts for the engines wine lacks (.NET, HTML) while the prefix is made.
 WINEDLLOVERRIDES="mscoree=;mshtml=" timeout 300 wine wineboot -i >/dev/null 2>&1
+
+# The real SQLite, built once for Windows, beside the test programs.
+bash "$(dirname "$0")/win-sqlite.sh" "$dir" || echo "-- no sqlite3.dll: its tests skip"
+
+# PHP for the Windows runs: the php-cgi.exe stand-in on the search path,
+# relaying to the host's php-cgi through a relay that lives for this run.
+standin=$(cd "$dir/tests/php-standin" 2>/dev/null && pwd)
+if [[ -n $standin && -x /usr/bin/php-cgi ]]; then
+  rm -f "$standin/php-relay.port"
+  python3 "$(dirname "$0")/../tests/helpers/php_relay.py" "$standin/php-relay.port" &
+  relay=$!
+  for _ in $(seq 50); do [[ -f $standin/php-relay.port ]] && break; sleep 0.1; done
+  export WINEPATH="Z:${standin//\//\\}" LUMETTA_PHP_STANDIN=$standin
+fi
 cleanup() {
+  [[ -n ${relay:-} ]] && kill "$relay" 2>/dev/null
   timeout 30 wineserver -k >/dev/null 2>&1
   rm -rf "$WINEPREFIX"
 }

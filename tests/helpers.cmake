@@ -30,3 +30,17 @@ if(TARGET lumetta_engines)
     add_dependencies(test_phppool pool_helper)
   endif()
 endif()
+
+# Windows builds: php-cgi.exe standing in for PHP for Windows, which wine
+# lacks; it relays each run to the host's php-cgi (helpers/php_relay.py,
+# started by scripts/wine-tests.sh). Alone in its directory, which the wine
+# runs put on the search path.
+if(MINGW)
+  add_executable(php_standin ${CMAKE_CURRENT_SOURCE_DIR}/helpers/php_standin.cpp)
+  target_link_libraries(php_standin PRIVATE ws2_32)
+  set_target_properties(php_standin PROPERTIES
+    OUTPUT_NAME php-cgi
+    COMPILE_OPTIONS "-Wall;-Wextra"
+    LINK_OPTIONS "-static"
+    RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/php-standin)
+endif()

@@ -154,18 +154,6 @@ TEST(CPipeStream, GetsLineEndRules) {
   EXPECT_TRUE(p.Gets(line).IsEmpty());
 }
 
-// Windows (and wine) start every process with a few variables of their own,
-// whatever block it is given; those are not the caller's.
-std::string WithoutSystemVariables(const std::string& env) {
-  if (!TestOnWindows()) return env;
-  std::string kept, line;
-  std::istringstream lines(env);
-  while (std::getline(lines, line))
-    if (line.rfind("WINE", 0) != 0 && line.rfind("SystemDrive=", 0) != 0 && line.rfind("SystemRoot=", 0) != 0)
-      kept += line + "\n";
-  return kept;
-}
-
 TEST(CPipeStream, ChildGetsTheGivenEnvironmentOrOurs) {
   CStrList env, none;
   env.Add("ALPHA=1");

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -102,14 +103,21 @@ class PhpPoolTest : public ::testing::Test {
 TEST_F(PhpPoolTest, ManyRequestsOnTheSameWorkers) {
   std::vector<long long> pids = Pool.WorkerPids();
   ASSERT_EQ(pids.size(), 2u);
+  std::set<long long> seen;
   for (int i = 0; i < 300; i++) {
     PhpRun r = Get("query.php", "n=" + std::to_string(i));
     ASSERT_EQ(r.Result, PHP_RUN_DONE);
     std::string body = Body(r);
     ASSERT_EQ(body.substr(0, body.find(';')), "q=" + std::to_string(i));
     long long pid = std::stoll(body.substr(body.find("pid=") + 4));
-    EXPECT_NE(std::find(pids.begin(), pids.end(), pid), pids.end());
+    seen.insert(pid);
+    // Under wine the script's process is the host's interpreter behind
+    // the worker, numbered by the host.
+    if (!TestUnderWine()) {
+      EXPECT_NE(std::find(pids.begin(), pids.end(), pid), pids.end());
+    }
   }
+  EXPECT_LE(seen.size(), pids.size());
   EXPECT_EQ(Pool.WorkerPids(), pids);
 }
 
@@ -128,18 +136,18 @@ TEST_F(PhpPoolTest, ScriptSeesExactlyTheVariablesSentInOrder) {
   std::string lines;
   CStrList options;  // the workers' own environment comes first
   AddPhpOptions(options);
-  for (int i = 0; i < options.Count(); i++) lines += std::string(options[i]->c_str()) + "\n";
+  for (int i = 0; i < options.Count(); i++) lines += VariableSeenByPhp(options[i]->c_str()) + "\n";
   std::string longValue(300, 'v');  // lengths past 127 take four bytes
   for (std::string entry : {"SCRIPT_FILENAME=" + Dir.Join("server.php"), std::string("QUERY_STRING="),
                             std::string("HTTP_COOKIE=a=1; b=2"), std::string("REQUEST_METHOD=GET"),
                             "HTTP_USER_AGENT=" + longValue, std::string("PATH_INFO="),
                             std::string("SERVER_SOFTWARE=Lumetta/1.0.3 (Windows)"), std::string("Z_LAST=end")}) {
     env.Add(entry.c_str());
-    lines += entry + "\n";
+    lines += VariableSeenByPhp(entry) + "\n";
   }
   PhpRun r = Exec(env);
   ASSERT_EQ(r.Result, PHP_RUN_DONE);
-  EXPECT_EQ(Body(r), lines);
+  EXPECT_EQ(WithoutSystemVariables(Body(r)), lines);
 }
 
 // The same variables reach a script run the old way, one php-cgi over CGI
@@ -164,7 +172,7 @@ TEST_F(PhpPoolTest, SameVariablesAsOneInterpreterPerRequest) {
   PhpRun pooled = Exec(env, "abc");
   EXPECT_EQ(pooled.Result, PHP_RUN_DONE);
   EXPECT_FALSE(Body(old).empty());
-  EXPECT_EQ(Body(pooled), Body(old));
+  EXPECT_EQ(WithoutSystemVariables(Body(pooled)), WithoutSystemVariables(Body(old)));
 }
 
 TEST_F(PhpPoolTest, BodiesArriveByteExact) {
@@ -409,12 +417,11 @@ TEST(PhpPoolStart, GivesUpWhenWorkersCannotBeReplaced) {
   if (cmd.empty()) GTEST_SKIP() << "php-cgi is not installed";
   TempDir dir;
   std::string program = cmd.substr(1, cmd.find('"', 1) - 1);
-  std::filesystem::copy_file(program, dir.Join("php-cgi"));
-  std::filesystem::permissions(dir.Join("php-cgi"), std::filesystem::perms::owner_all);
+  std::string copy = CopyInterpreter(program, dir.Path());
   WriteFile(dir.Join("page.php"), "<?php echo 'up';");
   PhpPool pool;
-  ASSERT_TRUE(pool.Start(("\"" + dir.Join("php-cgi") + "\"" + cmd.substr(cmd.find('"', 1) + 1)).c_str(), 1));
-  std::filesystem::remove(dir.Join("php-cgi"));
+  ASSERT_TRUE(pool.Start(("\"" + copy + "\"" + cmd.substr(cmd.find('"', 1) + 1)).c_str(), 1));
+  std::filesystem::rename(copy, copy + ".gone");  // Windows keeps a running program's file
   for (long long pid : pool.WorkerPids()) PlProcessKillId(pid);
   uint64_t start = PlMonotonicMs();
   CStrList env;
@@ -457,3 +464,21 @@ TEST(PhpPoolStart, RefusesWhatIsNotAFastCgiApplication) {
 }
 
 }  // namespace
+
+// A worker's endpoint is reachable only by whoever knows its name: on
+// Windows a pipe name no other program can guess, on POSIX a path in our
+// private directory. Before a worker serves it, nobody answers there, at
+// once (the pool's probe retries until its worker is up).
+TEST(LocalEndpoint, NamesCannotBeGuessedAndNobodyAnswersBeforeTheWorker) {
+  TempDir dir;
+  std::string a = PlLocalEndpointPath(dir.Path(), "w0-1"), b = PlLocalEndpointPath(dir.Path(), "w0-1");
+  if (TestOnWindows()) {
+    EXPECT_EQ(a.rfind("\\\\.\\pipe\\lumetta-", 0), 0u) << a;
+    EXPECT_NE(a, b);
+  } else {
+    EXPECT_EQ(a, dir.Join("w0-1"));
+  }
+  uint64_t start = PlMonotonicMs();
+  EXPECT_EQ(PlSockLocalConnect(a.c_str()), PL_NO_SOCKET);
+  EXPECT_LT(PlMonotonicMs() - start, 1000u);
+}

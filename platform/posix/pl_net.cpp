@@ -267,7 +267,7 @@ static bool LocalAddress(const char* path, sockaddr_un* sa) {
   return true;
 }
 
-PlSocket PlSockLocalListen(const char* path, int backlog) {
+static PlSocket LocalListen(const char* path, int backlog) {
   sockaddr_un sa;
   if (!LocalAddress(path, &sa)) return PL_NO_SOCKET;
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -277,6 +277,14 @@ PlSocket PlSockLocalListen(const char* path, int backlog) {
     return PL_NO_SOCKET;
   }
   return static_cast<PlSocket>(fd);
+}
+
+std::string PlLocalEndpointPath(const std::string& dir, const std::string& name) { return dir + "/" + name; }
+
+bool PlLocalServeByChild(const char* path, PlFile* childStdIn, std::string*, PlSocket* ours) {
+  *ours = LocalListen(path, 16);
+  *childStdIn = (PlFile)*ours;
+  return *ours != PL_NO_SOCKET;
 }
 
 PlSocket PlSockLocalConnect(const char* path) {

@@ -18,6 +18,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -395,6 +396,18 @@ void PlProcessTerminate(PlProc* p, unsigned exitCode) {
 }
 
 bool PlProcessKillId(long long pid) { return pid > 0 && kill((pid_t)pid, SIGKILL) == 0; }
+
+bool PlProcessIdAlive(long long pid) {
+  // A zombie still has its /proc entry; its state letter tells.
+  FILE* f = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
+  if (!f) return false;
+  char stat[512];
+  size_t n = fread(stat, 1, sizeof stat - 1, f);
+  fclose(f);
+  stat[n] = 0;
+  const char* close = strrchr(stat, ')');
+  return !close || close[1] == 0 || close[2] != 'Z';
+}
 
 unsigned PlProcessExitCode(PlProc* p) {
   std::lock_guard<std::mutex> g(p->M);

@@ -11,9 +11,102 @@
 #include <mutex>
 #include <unordered_set>
 
+#include "pl_random.h"
 #include "pl_thread.h"
 
 static SOCKET Sock(PlSocket s) { return static_cast<SOCKET>(s); }
+
+// ---------------------------------------------------------------- local pipes
+//
+// Local endpoints are named pipes. A loopback port would let any program on
+// the machine talk to a helper; a pipe's random name is known only to us and
+// the child we tell it to. A connected pipe travels as a PlSocket with its
+// lowest bit set (socket handles are multiples of four), so the transfer
+// calls above serve both kinds.
+
+namespace {
+
+// One client end, opened for overlapped I/O so that a wait for input can
+// end at a deadline. One read is kept outstanding into Buf.
+struct LocalPipe {
+  HANDLE Pipe = INVALID_HANDLE_VALUE;
+  OVERLAPPED ReadOv = {}, WriteOv = {};
+  char Buf[16384];
+  DWORD Have = 0, Taken = 0;
+  bool Pending = false, Ended = false;
+
+  bool Available() const { return Taken < Have || Ended; }
+  void StartRead() {
+    if (Pending || Available()) return;
+    ResetEvent(ReadOv.hEvent);
+    Have = Taken = 0;
+    if (ReadFile(Pipe, Buf, sizeof Buf, nullptr, &ReadOv) || GetLastError() == ERROR_IO_PENDING)
+      Pending = true;
+    else
+      Ended = true;  // the server closed its end, or the pipe broke
+  }
+  // Collects the outstanding read; false while it is still under way.
+  bool Finish(bool wait) {
+    if (!Pending) return true;
+    DWORD n = 0;
+    if (!GetOverlappedResult(Pipe, &ReadOv, &n, wait ? TRUE : FALSE)) {
+      if (!wait && GetLastError() == ERROR_IO_INCOMPLETE) return false;
+      Ended = true;
+    }
+    Pending = false;
+    Have = n;
+    return true;
+  }
+};
+
+bool IsPipe(PlSocket s) { return s != PL_NO_SOCKET && (s & 1); }
+LocalPipe* PipeOf(PlSocket s) { return reinterpret_cast<LocalPipe*>(static_cast<uintptr_t>(s & ~1ULL)); }
+
+int PipePoll(LocalPipe* p, int events, int timeoutMs) {
+  int out = events & PL_SOCK_OUT;  // a write waits only for the pipe's buffer
+  if (!(events & PL_SOCK_IN)) return out;
+  p->StartRead();
+  p->Finish(false);
+  if (p->Available()) return PL_SOCK_IN | out;
+  if (out) return out;
+  DWORD r = WaitForSingleObject(p->ReadOv.hEvent, timeoutMs < 0 ? INFINITE : (DWORD)timeoutMs);
+  if (r == WAIT_TIMEOUT) return 0;
+  p->Finish(true);
+  return PL_SOCK_IN;
+}
+
+int PipeRecv(LocalPipe* p, void* buf, int n) {
+  while (!p->Available()) {
+    p->StartRead();
+    p->Finish(true);
+  }
+  if (p->Taken == p->Have) return 0;  // ended
+  int k = (int)(p->Have - p->Taken) < n ? (int)(p->Have - p->Taken) : n;
+  memcpy(buf, p->Buf + p->Taken, (size_t)k);
+  p->Taken += (DWORD)k;
+  return k;
+}
+
+int PipeSend(LocalPipe* p, const void* buf, int n) {
+  DWORD done = 0;
+  ResetEvent(p->WriteOv.hEvent);
+  if (!WriteFile(p->Pipe, buf, (DWORD)n, nullptr, &p->WriteOv) && GetLastError() != ERROR_IO_PENDING) return -1;
+  return GetOverlappedResult(p->Pipe, &p->WriteOv, &done, TRUE) ? (int)done : -1;
+}
+
+void PipeClose(LocalPipe* p) {
+  if (p->Pending) {
+    CancelIoEx(p->Pipe, &p->ReadOv);
+    DWORD n;
+    GetOverlappedResult(p->Pipe, &p->ReadOv, &n, TRUE);
+  }
+  CloseHandle(p->Pipe);
+  CloseHandle(p->ReadOv.hEvent);
+  CloseHandle(p->WriteOv.hEvent);
+  delete p;
+}
+
+}  // namespace
 
 bool PlNetStartup() {
   WSADATA data;
@@ -152,6 +245,7 @@ int PlSockWaitMs(PlSocket s, bool forWrite, int timeoutMs) {
 
 int PlSockPoll(PlSocket s, int events, int timeoutMs) {
   if (s == PL_NO_SOCKET) return -1;
+  if (IsPipe(s)) return PipePoll(PipeOf(s), events, timeoutMs);
   fd_set readSet, writeSet;
   FD_ZERO(&readSet);
   FD_ZERO(&writeSet);
@@ -169,6 +263,7 @@ int PlSockPoll(PlSocket s, int events, int timeoutMs) {
 
 int PlSockSendSome(PlSocket s, const void* buf, int n) {
   if (n < 0) return -1;
+  if (IsPipe(s)) return PipeSend(PipeOf(s), buf, n);
   u_long on = 1, off = 0;
   ioctlsocket(Sock(s), FIONBIO, &on);
   int r = send(Sock(s), static_cast<const char*>(buf), n, 0);
@@ -195,12 +290,14 @@ bool PlSockSetRecvTimeoutMs(PlSocket s, int timeoutMs) {
 
 int PlSockSend(PlSocket s, const void* buf, int n) {
   if (n < 0) return -1;
+  if (IsPipe(s)) return PipeSend(PipeOf(s), buf, n);
   int r = send(Sock(s), static_cast<const char*>(buf), n, 0);
   return r == SOCKET_ERROR ? -1 : r;
 }
 
 int PlSockRecv(PlSocket s, void* buf, int n) {
   if (n < 0) return -1;
+  if (IsPipe(s)) return PipeRecv(PipeOf(s), buf, n);
   int r = recv(Sock(s), static_cast<char*>(buf), n, 0);
   return r == SOCKET_ERROR ? -1 : r;
 }
@@ -210,6 +307,7 @@ void PlSockShutdownSend(PlSocket s) { shutdown(Sock(s), SD_SEND); }
 // Closes the socket and forgets it was shut: the number may be handed out again.
 static void CloseAndForget(PlSocket s) {
   if (s == PL_NO_SOCKET) return;
+  if (IsPipe(s)) return PipeClose(PipeOf(s));
   {
     std::lock_guard<std::mutex> g(ShutLock);
     ShutSockets.erase(Sock(s));
@@ -219,11 +317,37 @@ static void CloseAndForget(PlSocket s) {
 
 void PlSockClose(PlSocket s) { CloseAndForget(s); }  // also ends a blocked accept
 
-// php-cgi on Windows takes its FastCGI connections from a named pipe or a
-// loopback port, not from a Unix-domain socket; until that transport is in,
-// callers see "no local sockets" and keep one interpreter per request.
-PlSocket PlSockLocalListen(const char*, int) { return PL_NO_SOCKET; }
-PlSocket PlSockLocalConnect(const char*) { return PL_NO_SOCKET; }
+
+// Local endpoints: named pipes (see LocalPipe above).
+std::string PlLocalEndpointPath(const std::string&, const std::string& name) {
+  unsigned char r[12];
+  if (!PlRandomBytes(r, sizeof r)) return "";
+  char hex[sizeof r * 2 + 1];
+  for (size_t i = 0; i < sizeof r; i++) snprintf(hex + 2 * i, 3, "%02x", r[i]);
+  return std::string("\\\\.\\pipe\\lumetta-") + hex + "-" + name;
+}
+
+bool PlLocalServeByChild(const char* path, PlFile*, std::string* cmdTail, PlSocket* ours) {
+  *ours = PL_NO_SOCKET;
+  if (!path || !*path) return false;
+  *cmdTail += std::string(" -b ") + path;
+  return true;
+}
+
+PlSocket PlSockLocalConnect(const char* path) {
+  HANDLE h = INVALID_HANDLE_VALUE;
+  for (int attempt = 0; attempt < 3 && h == INVALID_HANDLE_VALUE; attempt++) {
+    h = CreateFileA(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+    // Busy: the server is between two clients and makes the pipe anew.
+    if (h == INVALID_HANDLE_VALUE && (GetLastError() != ERROR_PIPE_BUSY || !WaitNamedPipeA(path, 2000))) break;
+  }
+  if (h == INVALID_HANDLE_VALUE) return PL_NO_SOCKET;
+  LocalPipe* p = new LocalPipe;
+  p->Pipe = h;
+  p->ReadOv.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  p->WriteOv.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  return static_cast<PlSocket>(reinterpret_cast<uintptr_t>(p)) | 1;
+}
 
 void PlSockCloseHandle(PlSocket s) { CloseAndForget(s); }
 

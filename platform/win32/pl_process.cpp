@@ -202,6 +202,14 @@ bool PlProcessKillId(long long pid) {
   return ended;
 }
 
+bool PlProcessIdAlive(long long pid) {
+  HANDLE h = OpenProcess(SYNCHRONIZE, FALSE, (DWORD)pid);
+  if (!h) return false;
+  bool running = WaitForSingleObject(h, 0) == WAIT_TIMEOUT;
+  CloseHandle(h);
+  return running;
+}
+
 unsigned PlProcessExitCode(PlProc* p) {
   DWORD code = 0;
   if (!GetExitCodeProcess(p->Process, &code)) return p->TermCode;

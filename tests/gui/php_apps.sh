@@ -45,9 +45,14 @@ make_phpliteadmin() {
 [[ $CASE == functions ]] && return 0
 
 source "$SRC_DIR/tests/gui/common.sh"
-SERVE="$BIN_DIR/lumetta-serve"
-# The applications run on the host's php-cgi, which a Windows build can't use.
-[[ -e $SERVE.exe ]] && skip "no PHP interpreter for Windows on this machine"
+SERVE=("$BIN_DIR/lumetta-serve")
+# The Windows build's PHP is the php-cgi.exe stand-in that
+# scripts/wine-tests.sh puts on wine's search path.
+if [[ -e $SERVE.exe ]]; then
+  [[ -x ${LUMETTA_PHP_STANDIN:-}/php-cgi.exe ]] || skip "no PHP interpreter for Windows on this machine"
+  export WINEDEBUG=-all
+  SERVE=(timeout 120 wine "$SERVE.exe")
+fi
 command -v curl >/dev/null || skip "curl missing"
 command -v php-cgi >/dev/null || skip "php-cgi missing"
 
@@ -67,10 +72,10 @@ serve_app() {
   local port
   port=$(free_port)
   sed -i "s/^PORT=.*//" "$1/Lumetta.ini" && echo "PORT=$port" >> "$1/Lumetta.ini"
-  (cd "$1" && exec "$SERVE" /INI Lumetta.ini > "$WORK/out" 2> "$WORK/err") &
+  (cd "$1" && exec "${SERVE[@]}" /INI Lumetta.ini > "$WORK/out" 2> "$WORK/err") &
   PIDS+=($!)
   wait_for 20 grep -qs '^http://' "$WORK/out" || { cat "$WORK/err" >&2; fail "no start address"; }
-  URL=$(head -1 "$WORK/out")
+  URL=$(head -1 "$WORK/out" | tr -d '\r')
   open_key
   URL=${URL%%/\?*}
 }

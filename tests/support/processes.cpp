@@ -1,19 +1,26 @@
 // Child processes for the tests: the helper programs built with them,
-// shell commands, and what /proc tells about a process.
+// shell commands, whether a process runs, and what /proc tells.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
+
+#include "pl_process.h"
 
 #include "test_support.h"
 
 namespace testsup {
 
-bool ProcessAlive(long long pid) {
-  // A zombie still has its /proc entry; its state letter tells.
-  std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-  if (stat.empty()) return false;
-  size_t close = stat.rfind(')');
-  return close == std::string::npos || stat.compare(close + 2, 1, "Z") != 0;
+bool ProcessAlive(long long pid) { return PlProcessIdAlive(pid); }
+
+std::string WithoutSystemVariables(const std::string& env) {
+  if (!TestOnWindows()) return env;
+  std::string kept, line;
+  std::istringstream lines(env);
+  while (std::getline(lines, line))
+    if (line.rfind("WINE", 0) != 0 && line.rfind("SystemDrive=", 0) != 0 && line.rfind("SystemRoot=", 0) != 0)
+      kept += line + "\n";
+  return kept;
 }
 
 int RunCommand(const std::string& command, std::string* output) {

@@ -2,11 +2,13 @@
 // with the canned replies they give and small engines to route to.
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "cgi_pool.h"
 #include "cgiwrapper.h"
 #include "php_options.h"
 #include "phppool.h"
+#include "pl_dl.h"
 #include "progdir.h"
 #include "runwrapper.h"
 #include "test_servers.h"
@@ -148,6 +150,61 @@ std::string PhpCommandLine() {
 void AddPhpOptions(CStrList& env) {
   CStr path, args;
   if (FindPhpInterpreter(CStr("/nonexistent"), path, args)) PhpAddOptionsEnvironment(path, env);
+}
+
+std::string PathSeenByPhp(const std::string& path) {
+  if (!TestUnderWine()) return path;
+  // wine's own call for the host's name of a Windows path; its result lives
+  // on the process heap, and a test may leave those few bytes there.
+  typedef char* (*UnixNameFunc)(const wchar_t*);
+  void* kernel = PlDlOpen("kernel32.dll");
+  auto unixName = reinterpret_cast<UnixNameFunc>(PlDlSymbol(kernel, "wine_get_unix_file_name"));
+  const char* name = unixName ? unixName(std::wstring(path.begin(), path.end()).c_str()) : nullptr;
+  PlDlClose(kernel);
+  if (!name) {  // wine names only files whose directory exists: name that
+    size_t cut = path.find_last_of("/\\");
+    if (!unixName || cut == std::string::npos || cut < 3) return path;
+    return PathSeenByPhp(path.substr(0, cut)) + "/" + path.substr(cut + 1);
+  }
+  // wine names the file through its drive's link in the prefix; the relay
+  // hands PHP the link resolved: C: is the prefix's drive_c, Z: the root.
+  std::string host = name;
+  size_t at = host.find("/dosdevices/");
+  if (at == std::string::npos || host.size() < at + 14 || host[at + 13] != ':') return host;
+  std::string rest = host.substr(at + 14);
+  if (host[at + 12] == 'c') return host.substr(0, at) + "/drive_c" + rest;
+  if (host[at + 12] == 'z') return rest.empty() ? "/" : rest;
+  return host;
+}
+
+std::string VariableSeenByPhp(const std::string& entry) {
+  if (!TestUnderWine()) return entry;
+  size_t eq = entry.find('=');
+  std::string name = entry.substr(0, eq), value = eq == std::string::npos ? "" : entry.substr(eq + 1);
+  if (name == "PHP_INI_SCAN_DIR") {
+    std::string list, dir;
+    std::istringstream dirs(value);
+    for (bool first = true; std::getline(dirs, dir, ';'); first = false)
+      list += (first ? "" : ":") + (dir.empty() ? dir : PathSeenByPhp(dir));
+    return name + "=" + list + (!value.empty() && value.back() == ';' ? ":" : "");
+  }
+  for (const char* path : {"SCRIPT_FILENAME", "PATH_TRANSLATED", "DOCUMENT_ROOT", "PHPRC"})
+    if (name == path && !value.empty()) return name + "=" + PathSeenByPhp(value);
+  return entry;
+}
+
+std::string CopyInterpreter(const std::string& program, const std::string& dir) {
+  namespace fs = std::filesystem;
+  fs::path from(program);
+  if (TestOnWindows())
+    for (const auto& f : fs::directory_iterator(from.parent_path()))
+      if (f.is_regular_file()) fs::copy_file(f.path(), fs::path(dir) / f.path().filename());
+  std::string copy = (fs::path(dir) / from.filename()).string();
+  if (!TestOnWindows()) {
+    fs::copy_file(from, copy);
+    fs::permissions(copy, fs::perms::owner_all);
+  }
+  return copy;
 }
 
 }  // namespace testsup

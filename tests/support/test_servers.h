@@ -73,6 +73,17 @@ bool EchoArgsEngine(void* object, void* client);
 std::string PhpCommandLine();
 // Appends the variables that give that interpreter the player's settings.
 void AddPhpOptions(CStrList& env);
+// A path of ours as the interpreter sees it. Under wine, PHP is the host's,
+// reached through the php-cgi.exe stand-in, and opens files by the host's
+// names ("C:/x" -> "/.../dosdevices/c:/x"); elsewhere the path itself.
+std::string PathSeenByPhp(const std::string& path);
+// A "NAME=value" entry as the interpreter sees it: under wine the paths in
+// the variables PHP opens files by are the host's, and the scan directory
+// list is separated the host's way; elsewhere the entry itself.
+std::string VariableSeenByPhp(const std::string& entry);
+// Copies the interpreter program into dir so that it runs from there, and
+// returns the copy's path. A Windows program goes with the files beside it.
+std::string CopyInterpreter(const std::string& program, const std::string& dir);
 
 }  // namespace testsup
 

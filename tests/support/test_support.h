@@ -83,8 +83,12 @@ class TempDir {
 
 // ---- Processes.
 
-// True while the process runs (a zombie counts as ended). Linux only.
+// True while the process runs (a zombie counts as ended).
 bool ProcessAlive(long long pid);
+// The environment text without the variables the system gives every
+// process, whatever block its parent passed (wine's WINE* and the system
+// drive and root); unchanged off Windows.
+std::string WithoutSystemVariables(const std::string& env);
 // Runs a shell command; returns its exit status and standard output.
 int RunCommand(const std::string& command, std::string* output = nullptr);
 // A field of /proc/self/status in KiB ("VmRSS", "VmHWM"); -1 where there is none.
