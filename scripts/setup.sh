@@ -10,7 +10,11 @@ pkgs=(cmake g++ make pkg-config libgtest-dev libgtk-3-dev libwebkit2gtk-4.1-dev
       php-cgi libssl3 libsqlite3-0 xdg-utils)
 if [[ $what == test || $what == bench ]]; then
   pkgs+=(xvfb xauth openssl curl chromium php-cli x11-apps x11-utils xdotool imagemagick
-        g++-mingw-w64-x86-64 googletest wine wine64 clang libclang-rt-14-dev npm python3)
+        g++-mingw-w64-x86-64 googletest wine wine64 clang libclang-rt-14-dev python3)
+  # npm fetches the SQLite source for the Windows run. A machine whose
+  # Node.js comes from elsewhere has its npm already, and Debian's npm
+  # package would conflict with it.
+  command -v npm >/dev/null || pkgs+=(npm)
 fi
 # Real PHP applications for the compatibility test, without their
 # recommended companions (those would pull in and start a web server).
