@@ -34,6 +34,7 @@ struct LocalPipe {
   char Buf[16384];
   DWORD Have = 0, Taken = 0;
   bool Pending = false, Ended = false;
+  DWORD RecvTimeoutMs = INFINITE;  // how long PlSockRecvTimed waits
 
   bool Available() const { return Taken < Have || Ended; }
   void StartRead() {
@@ -85,6 +86,19 @@ int PipeRecv(LocalPipe* p, void* buf, int n) {
   memcpy(buf, p->Buf + p->Taken, (size_t)k);
   p->Taken += (DWORD)k;
   return k;
+}
+
+// As PipeRecv, but PL_SOCK_NOTHING_YET once the pipe's receive time-out
+// passes with nothing come; the read stays outstanding for the next call.
+int PipeRecvTimed(LocalPipe* p, void* buf, int n) {
+  if (!p->Available()) {
+    p->StartRead();
+    if (!p->Finish(false)) {
+      if (WaitForSingleObject(p->ReadOv.hEvent, p->RecvTimeoutMs) == WAIT_TIMEOUT) return PL_SOCK_NOTHING_YET;
+      p->Finish(true);
+    }
+  }
+  return PipeRecv(p, buf, n);
 }
 
 int PipeSend(LocalPipe* p, const void* buf, int n) {
@@ -284,6 +298,10 @@ bool PlSockSetRecvTimeout(PlSocket s, int timeoutSec) {
 }
 
 bool PlSockSetRecvTimeoutMs(PlSocket s, int timeoutMs) {
+  if (IsPipe(s)) {
+    PipeOf(s)->RecvTimeoutMs = timeoutMs > 0 ? static_cast<DWORD>(timeoutMs) : INFINITE;
+    return true;
+  }
   DWORD ms = timeoutMs > 0 ? static_cast<DWORD>(timeoutMs) : 0u;
   return setsockopt(Sock(s), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&ms), sizeof ms) == 0;
 }
@@ -364,6 +382,7 @@ int PlSockRecvNoWait(PlSocket s, void* buf, int n) {
 
 int PlSockRecvTimed(PlSocket s, void* buf, int n) {
   if (n < 0) return -1;
+  if (IsPipe(s)) return PipeRecvTimed(PipeOf(s), buf, n);
   int r = recv(Sock(s), static_cast<char*>(buf), n, 0);
   if (r != SOCKET_ERROR) return r;
   return WSAGetLastError() == WSAETIMEDOUT ? PL_SOCK_NOTHING_YET : -1;
