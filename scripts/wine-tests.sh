@@ -25,7 +25,7 @@ export WINEDEBUG=-all
 # The wine server and its system processes live for the whole run, started
 # here with no output: started later by some test, they would inherit its
 # output pipe and hold the test open until the run ends.
-wineserver -p
+wineserver -p >/dev/null 2>&1
 # No prompts for the engines wine lacks (.NET, HTML) while the prefix is made.
 WINEDLLOVERRIDES="mscoree=;mshtml=" timeout 300 wine wineboot -i >/dev/null 2>&1
 
