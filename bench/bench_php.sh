@@ -37,12 +37,7 @@ else
   root=$work/www
   page=/page.php
   mkdir -p "$root"
-  cat > "$root/page.php" <<'PHP'
-<?php
-$items = [];
-for ($i = 0; $i < 20; $i++) $items[] = "<li>item $i</li>";
-echo "<!doctype html><title>bench</title><ul>", implode('', $items), "</ul>\n";
-PHP
+  cp "$(dirname "$0")/small_page.php" "$root/page.php"
 fi
 
 base=$((21000 + RANDOM % 2000))

@@ -25,12 +25,7 @@ cleanup() {
 trap cleanup EXIT
 
 mkdir -p "$work/www"
-cat > "$work/www/page.php" <<'PHP'
-<?php
-$items = [];
-for ($i = 0; $i < 20; $i++) $items[] = "<li>item $i</li>";
-echo "<!doctype html><title>bench</title><ul>", implode('', $items), "</ul>\n";
-PHP
+cp "$(dirname "$0")/small_page.php" "$work/www/page.php"
 
 # start [WRAPPER...]: lumetta-serve with two workers, under the wrapper;
 # sets pid, url and cookie.

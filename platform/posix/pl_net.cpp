@@ -217,34 +217,22 @@ int PlSockSend(PlSocket s, const void* buf, int n) {
   }
 }
 
-int PlSockRecv(PlSocket s, void* buf, int n) {
+// One receive, retried when a signal cuts it short. A receive that would
+// wait (non-blocking, or past the socket's time-out) is an error, or
+// PL_SOCK_NOTHING_YET where the caller takes that as "not yet".
+static int Receive(PlSocket s, void* buf, int n, int flags, bool waitIsNothingYet) {
   if (n < 0) return -1;
   for (;;) {
-    ssize_t r = recv(Fd(s), buf, static_cast<size_t>(n), 0);
+    ssize_t r = recv(Fd(s), buf, static_cast<size_t>(n), flags);
     if (r >= 0) return static_cast<int>(r);
+    if (waitIsNothingYet && (errno == EAGAIN || errno == EWOULDBLOCK)) return PL_SOCK_NOTHING_YET;
     if (errno != EINTR) return -1;
   }
 }
 
-int PlSockRecvNoWait(PlSocket s, void* buf, int n) {
-  if (n < 0) return -1;
-  for (;;) {
-    ssize_t r = recv(Fd(s), buf, static_cast<size_t>(n), MSG_DONTWAIT);
-    if (r >= 0) return static_cast<int>(r);
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return PL_SOCK_NOTHING_YET;
-    if (errno != EINTR) return -1;
-  }
-}
-
-int PlSockRecvTimed(PlSocket s, void* buf, int n) {
-  if (n < 0) return -1;
-  for (;;) {
-    ssize_t r = recv(Fd(s), buf, static_cast<size_t>(n), 0);
-    if (r >= 0) return static_cast<int>(r);
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return PL_SOCK_NOTHING_YET;
-    if (errno != EINTR) return -1;
-  }
-}
+int PlSockRecv(PlSocket s, void* buf, int n) { return Receive(s, buf, n, 0, false); }
+int PlSockRecvNoWait(PlSocket s, void* buf, int n) { return Receive(s, buf, n, MSG_DONTWAIT, true); }
+int PlSockRecvTimed(PlSocket s, void* buf, int n) { return Receive(s, buf, n, 0, true); }
 
 void PlSockShutdownSend(PlSocket s) { shutdown(Fd(s), SHUT_WR); }
 
